@@ -1,0 +1,32 @@
+#include "conversation/chat_request.h"
+
+#include <QJsonDocument>
+
+namespace kestrolan {
+
+QJsonObject ChatRequest::toJson() const
+{
+    QJsonArray encodedMessages;
+    for (const auto& message : messages)
+        encodedMessages.append(message.toJson());
+    QJsonObject object{{QStringLiteral("model"), model},
+                       {QStringLiteral("messages"), encodedMessages}};
+    if (maxTokens)
+        object.insert(QStringLiteral("max_tokens"), *maxTokens);
+    if (temperature)
+        object.insert(QStringLiteral("temperature"), *temperature);
+    if (tools)
+        object.insert(QStringLiteral("tools"), *tools);
+    if (toolChoice)
+        object.insert(QStringLiteral("tool_choice"), *toolChoice);
+    if (parallelToolCalls)
+        object.insert(QStringLiteral("parallel_tool_calls"), *parallelToolCalls);
+    return object;
+}
+
+QByteArray ChatRequest::encoded() const
+{
+    return QJsonDocument(toJson()).toJson(QJsonDocument::Compact);
+}
+
+} // namespace kestrolan
