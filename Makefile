@@ -4,7 +4,7 @@ BUILD_DIR := build
 JOBS ?= $(shell nproc)
 export CCACHE_NOHASHDIR := 1
 
-.PHONY: all deps configure build test test-asan bench format tidy clean
+.PHONY: all deps configure build test test-asan bench fuzz run format tidy clean
 
 all: build
 
@@ -32,6 +32,26 @@ test-asan: deps
 bench: build
 	$(BUILD_DIR)/bin/kestrolan-bench $(BENCH_ARGS)
 
+# libFuzzer targets built with clang in build-fuzz/; build/ is left alone. Run one with e.g.
+# build-fuzz/bin/fuzz-cron-expression -dict=fuzz/cron_expression.dict fuzz/corpus/cron_expression
+fuzz: deps
+	cmake --preset fuzz
+	cmake --build --preset fuzz -j $(JOBS)
+
+# The development service on loopback, sign-in approved at once. Extra flags through RUN_ARGS,
+# e.g. RUN_ARGS='--upstream-url http://127.0.0.1:8080/v1 --upstream-model qwen2.5'.
+RUN_ADDRESS ?= 127.0.0.1:8787
+run: configure
+	cmake --build $(BUILD_DIR) --target kestrolan-devservice kestrolan-cli -j $(JOBS)
+	@echo "Point the client at it:  KESTROLAN_BASE_URL=http://$(RUN_ADDRESS)"
+	@echo "Until the desktop app exists, sign in from another terminal with kestrolan-cli:"
+	@echo "  export KESTROLAN_BASE_URL=http://$(RUN_ADDRESS)"
+	@echo "  $(BUILD_DIR)/bin/kestrolan-cli login --no-browser"
+	@echo "    open the printed address (e.g. curl -si ADDRESS | grep -i ^location), then paste"
+	@echo "    the kestrolan://auth/callback?... address it redirects to"
+	@echo "  $(BUILD_DIR)/bin/kestrolan-cli account; $(BUILD_DIR)/bin/kestrolan-cli models"
+	$(BUILD_DIR)/bin/kestrolan-devservice --auto-approve --listen $(RUN_ADDRESS) $(RUN_ARGS)
+
 format:
 	git ls-files '*.c' '*.h' '*.cpp' | xargs clang-format -i
 
@@ -39,4 +59,4 @@ tidy: build
 	git ls-files 'core/*.cpp' | xargs clang-tidy-16 -p $(BUILD_DIR) --quiet
 
 clean:
-	rm -rf $(BUILD_DIR) build-asan
+	rm -rf $(BUILD_DIR) build-asan build-fuzz

@@ -6,8 +6,7 @@
 
 namespace kestrolan {
 
-QString ChatMessage::toString(Role role)
-{
+QString ChatMessage::toString(Role role) {
     switch (role) {
     case Role::system:
         return QStringLiteral("system");
@@ -22,8 +21,7 @@ QString ChatMessage::toString(Role role)
     return {};
 }
 
-std::optional<ChatMessage::Role> ChatMessage::roleFromString(QStringView text)
-{
+std::optional<ChatMessage::Role> ChatMessage::roleFromString(QStringView text) {
     for (const auto role : {Role::system, Role::user, Role::assistant, Role::tool}) {
         if (toString(role) == text)
             return role;
@@ -31,8 +29,7 @@ std::optional<ChatMessage::Role> ChatMessage::roleFromString(QStringView text)
     return std::nullopt;
 }
 
-QJsonObject ChatMessage::toJson() const
-{
+QJsonObject ChatMessage::toJson() const {
     QJsonObject object{{QStringLiteral("role"), toString(role)}};
     // An assistant turn that only called tools carries no text: null, not "".
     const bool toolsOnly = role == Role::assistant && content.isEmpty() && toolCalls.has_value();
@@ -48,8 +45,7 @@ QJsonObject ChatMessage::toJson() const
     return object;
 }
 
-ChatMessage ChatMessage::fromJson(const QJsonObject& object)
-{
+ChatMessage ChatMessage::fromJson(const QJsonObject& object) {
     const JsonReader reader(object);
     ChatMessage message;
     const auto role = roleFromString(reader.string(u"role"));

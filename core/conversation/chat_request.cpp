@@ -1,11 +1,11 @@
 #include "conversation/chat_request.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 
 namespace kestrolan {
 
-QJsonObject ChatRequest::toJson() const
-{
+QJsonObject ChatRequest::toJson() const {
     QJsonArray encodedMessages;
     for (const auto& message : messages)
         encodedMessages.append(message.toJson());
@@ -15,8 +15,12 @@ QJsonObject ChatRequest::toJson() const
         object.insert(QStringLiteral("max_tokens"), *maxTokens);
     if (temperature)
         object.insert(QStringLiteral("temperature"), *temperature);
-    if (tools)
-        object.insert(QStringLiteral("tools"), *tools);
+    if (tools) {
+        QJsonArray definitions;
+        for (const auto& tool : *tools)
+            definitions.append(tool.toJson());
+        object.insert(QStringLiteral("tools"), definitions);
+    }
     if (toolChoice)
         object.insert(QStringLiteral("tool_choice"), *toolChoice);
     if (parallelToolCalls)
@@ -24,8 +28,7 @@ QJsonObject ChatRequest::toJson() const
     return object;
 }
 
-QByteArray ChatRequest::encoded() const
-{
+QByteArray ChatRequest::encoded() const {
     return QJsonDocument(toJson()).toJson(QJsonDocument::Compact);
 }
 

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "conversation/chat_message.h"
+#include "tools/tool_definition.h"
 
 #include <QByteArray>
-#include <QJsonArray>
 #include <QJsonObject>
 
 namespace kestrolan {
@@ -14,8 +14,7 @@ struct ChatRequest {
     QList<ChatMessage> messages;
     std::optional<int> maxTokens;
     std::optional<double> temperature;
-    // Tool definitions as the model sees them (name, description, parameter schema).
-    std::optional<QJsonArray> tools;
+    std::optional<QList<ToolDefinition>> tools;
     std::optional<QString> toolChoice;
     std::optional<bool> parallelToolCalls;
 

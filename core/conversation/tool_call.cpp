@@ -4,8 +4,7 @@
 
 namespace kestrolan {
 
-QJsonObject ToolCall::toJson() const
-{
+QJsonObject ToolCall::toJson() const {
     return QJsonObject{
         {QStringLiteral("id"), id},
         {QStringLiteral("type"), type},
@@ -15,8 +14,7 @@ QJsonObject ToolCall::toJson() const
     };
 }
 
-ToolCall ToolCall::fromJson(const QJsonObject& object)
-{
+ToolCall ToolCall::fromJson(const QJsonObject& object) {
     const JsonReader reader(object);
     const JsonReader function(reader.object(u"function"));
     return ToolCall{reader.string(u"id"), reader.string(u"type"),

@@ -2,8 +2,7 @@
 
 namespace kestrolan {
 
-std::optional<QString> Defaults::string(const QString& key) const
-{
+std::optional<QString> Defaults::string(const QString& key) const {
     const auto stored = value(key);
     if (!stored || stored->typeId() != QMetaType::QString)
         return std::nullopt;

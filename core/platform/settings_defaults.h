@@ -3,7 +3,6 @@
 #include "platform/defaults.h"
 
 #include <QSettings>
-
 #include <memory>
 
 namespace kestrolan {

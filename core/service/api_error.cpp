@@ -11,18 +11,14 @@ APIError::APIError(QString message, std::optional<QString> type, std::optional<Q
     : Error(std::move(message))
     , m_type(std::move(type))
     , m_code(std::move(code))
-    , m_param(std::move(param))
-{
-}
+    , m_param(std::move(param)) {}
 
-bool APIError::operator==(const APIError& other) const
-{
+bool APIError::operator==(const APIError& other) const {
     return message() == other.message() && m_type == other.m_type && m_code == other.m_code &&
            m_param == other.m_param;
 }
 
-QJsonObject APIError::toJson() const
-{
+QJsonObject APIError::toJson() const {
     QJsonObject object{{QStringLiteral("message"), message()}};
     if (m_type)
         object.insert(QStringLiteral("type"), *m_type);
@@ -33,8 +29,7 @@ QJsonObject APIError::toJson() const
     return object;
 }
 
-std::optional<APIError> APIError::fromJson(const QJsonObject& object)
-{
+std::optional<APIError> APIError::fromJson(const QJsonObject& object) {
     try {
         const JsonReader reader(object);
         return APIError(reader.string(u"message"), reader.optionalString(u"type"),
@@ -44,8 +39,7 @@ std::optional<APIError> APIError::fromJson(const QJsonObject& object)
     }
 }
 
-std::optional<APIError> APIError::fromEnvelope(const QByteArray& body)
-{
+std::optional<APIError> APIError::fromEnvelope(const QByteArray& body) {
     const auto document = QJsonDocument::fromJson(body);
     if (!document.isObject())
         return std::nullopt;
@@ -55,8 +49,7 @@ std::optional<APIError> APIError::fromEnvelope(const QByteArray& body)
     return fromJson(error.toObject());
 }
 
-std::optional<APIError> APIError::fromErrorOrEnvelope(const QByteArray& body)
-{
+std::optional<APIError> APIError::fromErrorOrEnvelope(const QByteArray& body) {
     if (auto enveloped = fromEnvelope(body))
         return enveloped;
     const auto document = QJsonDocument::fromJson(body);

@@ -3,29 +3,22 @@
 namespace kestrolan {
 
 ClientError::ClientError(Kind kind)
-    : ClientError(kind, 0)
-{
-}
+    : ClientError(kind, 0) {}
 
 ClientError::ClientError(Kind kind, qint64 status)
     : Error(describe(kind, status))
     , m_kind(kind)
-    , m_status(status)
-{
-}
+    , m_status(status) {}
 
-ClientError ClientError::keychain(qint32 osStatus)
-{
+ClientError ClientError::keychain(qint32 osStatus) {
     return ClientError(Kind::keychain, osStatus);
 }
 
-ClientError ClientError::http(int status)
-{
+ClientError ClientError::http(int status) {
     return ClientError(Kind::http, status);
 }
 
-QString ClientError::describe(Kind kind, qint64 status)
-{
+QString ClientError::describe(Kind kind, qint64 status) {
     switch (kind) {
     case Kind::keychain:
         return QStringLiteral("The sign-in token could not be accessed in Keychain.");

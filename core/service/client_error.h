@@ -33,8 +33,7 @@ public:
     // The OS status of `keychain` or the HTTP status of `http`; 0 otherwise.
     qint64 status() const { return m_status; }
 
-    bool operator==(const ClientError& other) const
-    {
+    bool operator==(const ClientError& other) const {
         return m_kind == other.m_kind && m_status == other.m_status;
     }
 

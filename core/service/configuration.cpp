@@ -5,8 +5,7 @@
 
 namespace kestrolan {
 
-Configuration::Configuration(const QString& baseURL)
-{
+Configuration::Configuration(const QString& baseURL) {
     QUrl url(baseURL, QUrl::StrictMode);
     const auto fail = [] { return ClientError(ClientError::Kind::configuration); };
     if (!url.isValid() || url.scheme().isEmpty() || url.host().isEmpty())
@@ -28,8 +27,8 @@ Configuration::Configuration(const QString& baseURL)
     m_baseURL = url;
 }
 
-Configuration Configuration::load(const QProcessEnvironment& environment, const Defaults& defaults)
-{
+Configuration Configuration::load(const QProcessEnvironment& environment,
+                                  const Defaults& defaults) {
     if (environment.contains(environmentKey))
         return Configuration(environment.value(environmentKey));
     if (const auto stored = defaults.string(defaultsKey))
@@ -37,8 +36,7 @@ Configuration Configuration::load(const QProcessEnvironment& environment, const 
     return Configuration(productionBaseURL);
 }
 
-QUrl Configuration::url(QStringView path) const
-{
+QUrl Configuration::url(QStringView path) const {
     QUrl url = m_baseURL;
     url.setPath(u'/' + path.mid(1).toString());
     return url;

@@ -4,8 +4,7 @@
 
 namespace kestrolan {
 
-ServerOrigin ServerOrigin::of(const QUrl& url)
-{
+ServerOrigin ServerOrigin::of(const QUrl& url) {
     ServerOrigin origin;
     origin.scheme = url.scheme().toLower();
     origin.host = url.host().toLower();
@@ -13,13 +12,11 @@ ServerOrigin ServerOrigin::of(const QUrl& url)
     return origin;
 }
 
-ServerOrigin ServerOrigin::production()
-{
+ServerOrigin ServerOrigin::production() {
     return of(QUrl(Configuration::productionBaseURL));
 }
 
-QString ServerOrigin::key() const
-{
+QString ServerOrigin::key() const {
     return scheme % u"://" % host % u':' % QString::number(port);
 }
 

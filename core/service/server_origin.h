@@ -21,8 +21,7 @@ struct ServerOrigin {
     bool operator==(const ServerOrigin&) const = default;
 };
 
-inline size_t qHash(const ServerOrigin& origin, size_t seed = 0)
-{
+inline size_t qHash(const ServerOrigin& origin, size_t seed = 0) {
     return qHashMulti(seed, origin.scheme, origin.host, origin.port);
 }
 

@@ -3,7 +3,6 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
-
 #include <optional>
 #include <stdexcept>
 

@@ -1,19 +1,17 @@
 #include "test_http_server.h"
 
+#include <QtGlobal>
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <QtGlobal>
-
 namespace kestrolan::test {
 
 namespace {
 
-QByteArray reasonPhrase(int status)
-{
+QByteArray reasonPhrase(int status) {
     switch (status) {
     case 200:
         return "OK";
@@ -44,27 +42,24 @@ QByteArray reasonPhrase(int status)
 
 } // namespace
 
-TestResponse TestResponse::json(int status, QByteArray body)
-{
+TestResponse TestResponse::json(int status, QByteArray body) {
     TestResponse response;
     response.status = status;
-    response.headers.append(std::pair<QByteArray, QByteArray>("Content-Type", "application/json"));
+    response.addHeader("Content-Type", "application/json");
     response.body = std::move(body);
     return response;
 }
 
-TestResponse TestResponse::eventStream(QByteArray body)
-{
+TestResponse TestResponse::eventStream(QByteArray body) {
     TestResponse response;
-    response.headers.append(std::pair<QByteArray, QByteArray>("Content-Type", "text/event-stream"));
+    response.addHeader("Content-Type", "text/event-stream");
     response.body = std::move(body);
     response.framing = Framing::chunked;
     return response;
 }
 
 TestHttpServer::TestHttpServer(Handler handler)
-    : m_handler(std::move(handler))
-{
+    : m_handler(std::move(handler)) {
     m_listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (m_listenFd < 0)
         qFatal("test server: socket failed");
@@ -83,8 +78,7 @@ TestHttpServer::TestHttpServer(Handler handler)
     m_acceptThread = std::thread([this] { acceptLoop(); });
 }
 
-TestHttpServer::~TestHttpServer()
-{
+TestHttpServer::~TestHttpServer() {
     {
         std::lock_guard lock(m_mutex);
         m_stopping = true;
@@ -98,37 +92,31 @@ TestHttpServer::~TestHttpServer()
     ::close(m_listenFd);
 }
 
-QString TestHttpServer::baseURL() const
-{
+QString TestHttpServer::baseURL() const {
     return QStringLiteral("http://127.0.0.1:") + QString::number(m_port);
 }
 
-void TestHttpServer::setHandler(Handler handler)
-{
+void TestHttpServer::setHandler(Handler handler) {
     std::lock_guard lock(m_mutex);
     m_handler = std::move(handler);
 }
 
-void TestHttpServer::enqueue(TestResponse response)
-{
+void TestHttpServer::enqueue(TestResponse response) {
     std::lock_guard lock(m_mutex);
     m_queue.push_back(std::move(response));
 }
 
-QList<RecordedRequest> TestHttpServer::requests() const
-{
+QList<RecordedRequest> TestHttpServer::requests() const {
     std::lock_guard lock(m_mutex);
     return m_requests;
 }
 
-qsizetype TestHttpServer::requestCount() const
-{
+qsizetype TestHttpServer::requestCount() const {
     std::lock_guard lock(m_mutex);
     return m_requests.size();
 }
 
-void TestHttpServer::acceptLoop()
-{
+void TestHttpServer::acceptLoop() {
     while (!m_stopping) {
         pollfd descriptor{m_listenFd, POLLIN, 0};
         if (::poll(&descriptor, 1, 20) <= 0)
@@ -142,8 +130,7 @@ void TestHttpServer::acceptLoop()
     }
 }
 
-TestResponse TestHttpServer::respond(const RecordedRequest& request)
-{
+TestResponse TestHttpServer::respond(const RecordedRequest& request) {
     std::unique_lock lock(m_mutex);
     m_requests.append(request);
     if (!m_queue.empty()) {
@@ -158,8 +145,7 @@ TestResponse TestHttpServer::respond(const RecordedRequest& request)
     return TestResponse::json(404, R"({"error":{"message":"Not found."}})");
 }
 
-bool TestHttpServer::write(int fd, const char* data, qsizetype size)
-{
+bool TestHttpServer::write(int fd, const char* data, qsizetype size) {
     while (size > 0) {
         const auto written = ::send(fd, data, size_t(size), MSG_NOSIGNAL);
         if (written <= 0)
@@ -170,16 +156,14 @@ bool TestHttpServer::write(int fd, const char* data, qsizetype size)
     return true;
 }
 
-bool TestHttpServer::pause(std::chrono::milliseconds delay)
-{
+bool TestHttpServer::pause(std::chrono::milliseconds delay) {
     if (delay.count() <= 0)
         return !m_stopping;
     std::unique_lock lock(m_mutex);
     return !m_stopped.wait_for(lock, delay, [this] { return m_stopping.load(); });
 }
 
-void TestHttpServer::serve(int fd)
-{
+void TestHttpServer::serve(int fd) {
     QByteArray buffer;
     char chunk[16384];
     qsizetype headerEnd = -1;

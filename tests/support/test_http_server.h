@@ -4,7 +4,6 @@
 #include <QList>
 #include <QMap>
 #include <QUrl>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -39,9 +38,13 @@ struct TestResponse {
     Framing framing = Framing::contentLength;
     qsizetype pieceSize = 0; // 0 writes the body at once; otherwise in pieces (chunks if chunked)
     std::chrono::milliseconds pieceDelay{0};
-    std::optional<qsizetype> dropAfter; // close after this many body bytes, body unfinished
-    std::optional<QByteArray> raw;      // written exactly as is, then the connection closes
+    std::optional<qsizetype> dropAfter;  // close after this many body bytes, body unfinished
+    std::optional<QByteArray> raw;       // written exactly as is, then the connection closes
     std::function<void()> beforeSending; // runs on the server thread; may block (a latch)
+
+    void addHeader(QByteArray name, QByteArray value) {
+        headers.append(std::pair(std::move(name), std::move(value)));
+    }
 
     static TestResponse json(int status, QByteArray body);
     static TestResponse eventStream(QByteArray body);

@@ -1,29 +1,27 @@
 #include "conversation/chat_request.h"
 #include "support/json_reader.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
-
 #include <gtest/gtest.h>
 
 using namespace kestrolan;
 
 namespace {
 
-QJsonObject parse(const char* json)
-{
+QJsonObject parse(const char* json) {
     return QJsonDocument::fromJson(QByteArray(json)).object();
 }
 
-ToolCall call(const char* id)
-{
-    return ToolCall{QString::fromUtf8(id), QStringLiteral("function"),
+ToolCall call(const char* id) {
+    return ToolCall{QString::fromUtf8(id),
+                    QStringLiteral("function"),
                     {QStringLiteral("read_file"), QStringLiteral(R"({"path":"a.txt"})")}};
 }
 
 } // namespace
 
-TEST(ChatMessage, ContentIsNullOnlyForToolOnlyAssistantTurns)
-{
+TEST(ChatMessage, ContentIsNullOnlyForToolOnlyAssistantTurns) {
     ChatMessage toolsOnly{.role = ChatMessage::Role::assistant, .toolCalls = QList<ToolCall>{}};
     EXPECT_TRUE(toolsOnly.toJson().value(u"content").isNull());
     EXPECT_TRUE(toolsOnly.toJson().value(u"tool_calls").isArray());
@@ -42,8 +40,7 @@ TEST(ChatMessage, ContentIsNullOnlyForToolOnlyAssistantTurns)
     EXPECT_EQ(user.toJson().value(u"content"), QJsonValue(QString()));
 }
 
-TEST(ChatMessage, EncodesToolAnswersAndCallsWithWireKeys)
-{
+TEST(ChatMessage, EncodesToolAnswersAndCallsWithWireKeys) {
     ChatMessage answer{.role = ChatMessage::Role::tool,
                        .content = QStringLiteral("{}"),
                        .toolCallID = QStringLiteral("c1")};
@@ -55,8 +52,7 @@ TEST(ChatMessage, EncodesToolAnswersAndCallsWithWireKeys)
          "function":{"name":"read_file","arguments":"{\"path\":\"a.txt\"}"}}]})"));
 }
 
-TEST(ChatMessage, DecodesWithFreshIdsAndDefaults)
-{
+TEST(ChatMessage, DecodesWithFreshIdsAndDefaults) {
     const auto json = parse(R"({"role":"assistant","tool_calls":[{"id":"c1","type":"function",
         "function":{"name":"read_file","arguments":"{\"path\":\"a.txt\"}"}}]})");
     const auto first = ChatMessage::fromJson(json);
@@ -81,16 +77,15 @@ TEST(ChatMessage, DecodesWithFreshIdsAndDefaults)
                  JsonReader::FieldError);
 }
 
-TEST(ChatRequest, OmitsAbsentKeys)
-{
+TEST(ChatRequest, OmitsAbsentKeys) {
     ChatRequest request{.model = QStringLiteral("kestrolan/echo"),
                         .messages = {ChatMessage{.content = QStringLiteral("hi")}}};
-    EXPECT_EQ(request.toJson().keys(), (QStringList{QStringLiteral("messages"),
-                                                    QStringLiteral("model")}));
+    EXPECT_EQ(request.toJson().keys(),
+              (QStringList{QStringLiteral("messages"), QStringLiteral("model")}));
 
     request.maxTokens = 512;
     request.temperature = 0.5;
-    request.tools = QJsonArray{QJsonObject{{QStringLiteral("type"), QStringLiteral("function")}}};
+    request.tools = ToolDefinition::available(LocalAccessMode::readOnlyWorkspace);
     request.toolChoice = QStringLiteral("auto");
     request.parallelToolCalls = false;
     const auto full = QJsonDocument::fromJson(request.encoded()).object();
@@ -98,6 +93,10 @@ TEST(ChatRequest, OmitsAbsentKeys)
     EXPECT_EQ(full.value(u"temperature").toDouble(), 0.5);
     EXPECT_EQ(full.value(u"tool_choice").toString(), u"auto");
     EXPECT_EQ(full.value(u"parallel_tool_calls"), QJsonValue(false));
-    EXPECT_EQ(full.value(u"tools").toArray().size(), 1);
+    const auto tools = full.value(u"tools").toArray();
+    ASSERT_EQ(tools.size(), 3);
+    EXPECT_EQ(tools[0].toObject().value(u"type").toString(), u"function");
+    EXPECT_EQ(tools[2].toObject().value(u"function").toObject().value(u"name").toString(),
+              u"search");
     EXPECT_FALSE(full.contains(u"stream"));
 }

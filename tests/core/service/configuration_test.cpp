@@ -3,15 +3,13 @@
 #include "service/configuration.h"
 
 #include <QTemporaryDir>
-
 #include <gtest/gtest.h>
 
 using namespace kestrolan;
 
 namespace {
 
-bool refused(const QString& address)
-{
+bool refused(const QString& address) {
     try {
         Configuration{address};
         return false;
@@ -24,8 +22,7 @@ bool refused(const QString& address)
 
 } // namespace
 
-TEST(Configuration, AcceptsHttpsAnywhereAndHttpOnlyOnLoopback)
-{
+TEST(Configuration, AcceptsHttpsAnywhereAndHttpOnlyOnLoopback) {
     const Configuration local(QStringLiteral("http://localhost:8080"));
     EXPECT_EQ(local.origin().key(), u"http://localhost:8080");
     EXPECT_EQ(Configuration(QStringLiteral("http://127.0.0.1")).origin().key(),
@@ -40,8 +37,7 @@ TEST(Configuration, AcceptsHttpsAnywhereAndHttpOnlyOnLoopback)
     EXPECT_TRUE(refused(QStringLiteral("ws://localhost")));
 }
 
-TEST(Configuration, NormalisesCaseAndRefusesExtraParts)
-{
+TEST(Configuration, NormalisesCaseAndRefusesExtraParts) {
     const Configuration upper(QStringLiteral("HTTPS://API.Example.COM:8443"));
     EXPECT_EQ(upper.baseURL().toString(), u"https://api.example.com:8443");
     EXPECT_EQ(upper.origin().key(), u"https://api.example.com:8443");
@@ -58,16 +54,14 @@ TEST(Configuration, NormalisesCaseAndRefusesExtraParts)
     EXPECT_TRUE(refused(QStringLiteral("https://")));
 }
 
-TEST(Configuration, BuildsEndpointURLsUnderTheBase)
-{
+TEST(Configuration, BuildsEndpointURLsUnderTheBase) {
     EXPECT_EQ(Configuration(QStringLiteral("http://localhost:8787")).url(u"/api/chat").toString(),
               u"http://localhost:8787/api/chat");
     EXPECT_EQ(Configuration(QStringLiteral("https://example.com/")).url(u"/api/chats/x").toString(),
               u"https://example.com/api/chats/x");
 }
 
-TEST(Configuration, LoadsEnvironmentThenDefaultsThenProduction)
-{
+TEST(Configuration, LoadsEnvironmentThenDefaultsThenProduction) {
     QTemporaryDir dir;
     SettingsDefaults defaults(dir.filePath(QStringLiteral("settings.conf")));
     QProcessEnvironment empty;
@@ -90,8 +84,7 @@ TEST(Configuration, LoadsEnvironmentThenDefaultsThenProduction)
     EXPECT_THROW(Configuration::load(empty, defaults), ClientError);
 }
 
-TEST(ClientError, DescribesHttpStatusAndFixedTexts)
-{
+TEST(ClientError, DescribesHttpStatusAndFixedTexts) {
     EXPECT_EQ(ClientError::http(502).description(),
               u"Kestrolan could not complete the request (HTTP 502).");
     EXPECT_EQ(ClientError::keychain(-25293).description(),

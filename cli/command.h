@@ -1,0 +1,42 @@
+#pragma once
+
+#include "console.h"
+
+#include <QCoroTask>
+#include <QString>
+#include <QStringList>
+
+namespace kestrolan::cli {
+
+// Process exit codes shared by every command.
+enum ExitCode : int {
+    exitSuccess = 0,
+    exitFailure = 1, // the operation failed; its description went to standard error
+    exitUsage = 2,   // the command line was wrong
+};
+
+// One top-level command group of kestrolan-cli ("cron", later "login", "models" ...). Commands
+// are coroutines so that those talking to the service can await the network on the event loop.
+class Command {
+public:
+    explicit Command(const Console& console)
+        : m_console(console) {}
+    virtual ~Command() = default;
+    Command(const Command&) = delete;
+    Command& operator=(const Command&) = delete;
+
+    // The word that selects the command, and one line for the top-level help.
+    virtual QString name() const = 0;
+    virtual QString summary() const = 0;
+
+    // `arguments` are those after the command's name; the result is the process exit code.
+    virtual QCoro::Task<int> run(QStringList arguments) = 0;
+
+protected:
+    const Console& console() const { return m_console; }
+
+private:
+    const Console& m_console;
+};
+
+} // namespace kestrolan::cli

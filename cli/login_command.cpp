@@ -1,0 +1,100 @@
+#include "login_command.h"
+
+#include "account/desktop_auth.h"
+#include "account/keychain_token_store.h"
+#include "command_line.h"
+#include "service_connection.h"
+
+#include <QCoroFuture>
+#include <QProcess>
+#include <QSysInfo>
+#include <QtConcurrent>
+#include <iostream>
+#include <string>
+
+namespace kestrolan::cli {
+namespace {
+
+const QString help = QStringLiteral(
+    "Usage: kestrolan-cli login [--no-browser] [--callback URL]\n"
+    "\n"
+    "Signs in through the browser. The sign-in address is printed alone on standard output and\n"
+    "opened in the default browser. After signing in there, the browser is sent to an address\n"
+    "beginning with kestrolan://auth/callback; give that address as one line on standard input,\n"
+    "or with --callback. The token is kept in the keyring and shared with the desktop app.\n"
+    "\n"
+    "Options:\n"
+    "  --no-browser    only print the sign-in address\n"
+    "  --callback URL  the callback address, instead of reading it from standard input\n"
+    "  -h, --help      show this help");
+
+// One line of standard input, read off the main thread; nothing at end of input.
+std::optional<QString> readLine() {
+    std::string line;
+    if (!std::getline(std::cin, line))
+        return std::nullopt;
+    return QString::fromStdString(line);
+}
+
+bool openInBrowser(const QUrl& url) {
+    return QProcess::startDetached(QStringLiteral("xdg-open"), {url.toString(QUrl::FullyEncoded)});
+}
+
+} // namespace
+
+QString LoginCommand::name() const {
+    return QStringLiteral("login");
+}
+
+QString LoginCommand::summary() const {
+    return QStringLiteral("Sign in through the browser");
+}
+
+QCoro::Task<int> LoginCommand::run(QStringList arguments) {
+    QCommandLineParser parser;
+    const QCommandLineOption noBrowser(QStringLiteral("no-browser"),
+                                       QStringLiteral("Only print the sign-in address."));
+    const QCommandLineOption callback(
+        QStringLiteral("callback"), QStringLiteral("The callback address."), QStringLiteral("URL"));
+    parser.addOptions({noBrowser, callback});
+    if (const auto stop = parseCommandLine(console(), parser, name(), help, arguments))
+        co_return *stop;
+
+    try {
+        ServiceConnection connection;
+        DesktopAuth auth(connection.client(), connection.tokens());
+        const QUrl authorize = auth.beginSignIn();
+        console().out(authorize.toString(QUrl::FullyEncoded));
+        if (!parser.isSet(noBrowser) && !openInBrowser(authorize))
+            console().err(QStringLiteral(
+                "The browser could not be opened. Open the address above to sign in."));
+
+        std::optional<QString> answer;
+        if (parser.isSet(callback)) {
+            answer = parser.value(callback);
+        } else {
+            console().err(QStringLiteral("After signing in, paste the address beginning with "
+                                         "kestrolan://auth/callback here:"));
+            answer = co_await QtConcurrent::run(readLine);
+        }
+        const QString text = answer.value_or(QString()).trimmed();
+        if (text.isEmpty()) {
+            console().err(QStringLiteral("No callback address was given. Start sign-in again."));
+            co_return exitFailure;
+        }
+
+        co_await auth.handleCallback(QUrl(text), QSysInfo::machineHostName());
+        if (!auth.isSignedIn()) {
+            console().err(
+                auth.errorMessage().value_or(QStringLiteral("Sign-in did not complete.")));
+            co_return exitFailure;
+        }
+        const auto identity = auth.signedInAccount();
+        console().out(u"Signed in as " + (identity ? identity->email : QString()));
+        co_return exitSuccess;
+    } catch (...) {
+        co_return reportFailure(console(), std::current_exception());
+    }
+}
+
+} // namespace kestrolan::cli

@@ -1,0 +1,210 @@
+#include "service/api_client.h"
+
+#include "account/token_store.h"
+#include "service/api_error.h"
+#include "service/client_error.h"
+#include "service/reply_reader.h"
+#include "support/checked.h"
+
+namespace kestrolan {
+
+// Suspends until the authorization gate is free; a releaser hands the gate straight to the
+// first waiter, so `busy` stays set across the hand-over.
+class APIClient::GateAwaiter {
+public:
+    explicit GateAwaiter(APIClient& client)
+        : m_client(client) {}
+
+    bool await_ready() {
+        if (m_client.m_authorizationBusy)
+            return false;
+        m_client.m_authorizationBusy = true;
+        return true;
+    }
+    void await_suspend(std::coroutine_handle<> waiter) {
+        m_client.m_authorizationWaiters.push_back(waiter);
+    }
+    void await_resume() const noexcept {}
+
+private:
+    APIClient& m_client;
+};
+
+APIClient::APIClient(Configuration configuration, std::shared_ptr<TokenStore> tokens,
+                     QObject* parent)
+    : QObject(parent)
+    , m_configuration(std::move(configuration))
+    , m_tokens(std::move(tokens)) {}
+
+APIClient::~APIClient() = default;
+
+APIClient::GateAwaiter APIClient::acquireAuthorization() {
+    return GateAwaiter(*this);
+}
+
+void APIClient::releaseAuthorization() {
+    if (m_authorizationWaiters.empty()) {
+        m_authorizationBusy = false;
+        return;
+    }
+    const auto next = m_authorizationWaiters.front();
+    m_authorizationWaiters.pop_front();
+    // Resume from the event loop, not from inside the releaser's frame.
+    QMetaObject::invokeMethod(
+        this, [next] { next.resume(); }, Qt::QueuedConnection);
+}
+
+void APIClient::advanceAuthorization() {
+    checkedIncrement(m_authorizationEpoch);
+    // Observers may register or drop others while being told; work on a snapshot.
+    std::erase_if(m_revocationObservers, [](const auto& observer) { return !observer.owner; });
+    const auto observers = m_revocationObservers;
+    for (const auto& observer : observers) {
+        if (observer.owner)
+            observer.invalidate();
+    }
+}
+
+void APIClient::invalidateAuthorization() {
+    advanceAuthorization();
+}
+
+void APIClient::onAuthorizationInvalidated(QObject* owner, std::function<void()> invalidate) {
+    m_revocationObservers.push_back({QPointer<QObject>(owner), std::move(invalidate)});
+}
+
+QCoro::Task<std::pair<std::optional<QString>, quint64>> APIClient::readCredential() {
+    co_await acquireAuthorization();
+    try {
+        auto token = co_await m_tokens->read();
+        const auto epoch = m_authorizationEpoch;
+        releaseAuthorization();
+        co_return std::pair{std::move(token), epoch};
+    } catch (...) {
+        releaseAuthorization();
+        throw;
+    }
+}
+
+QCoro::Task<bool> APIClient::restoreAuthorization() {
+    if (m_tokens->origin().key() != m_configuration.origin().key())
+        co_return false;
+    const auto credential = co_await readCredential();
+    co_return credential.first.has_value();
+}
+
+QCoro::Task<void> APIClient::installToken(QString token) {
+    co_await acquireAuthorization();
+    try {
+        co_await m_tokens->write(std::move(token));
+    } catch (...) {
+        releaseAuthorization();
+        throw;
+    }
+    advanceAuthorization();
+    releaseAuthorization();
+}
+
+QCoro::Task<void> APIClient::logout(std::stop_token stop) {
+    std::exception_ptr failure;
+    try {
+        // Nothing to revoke on the service without a token of this origin.
+        bool signedIn = false;
+        if (m_tokens->origin().key() == m_configuration.origin().key()) {
+            const auto credential = co_await readCredential();
+            signedIn = credential.first.has_value();
+        }
+        if (signedIn) {
+            auto prepared = co_await request(QStringLiteral("/api/logout"), "POST", {}, true);
+            co_await data(std::move(prepared), stop);
+        }
+    } catch (...) {
+        failure = std::current_exception();
+    }
+
+    co_await acquireAuthorization();
+    try {
+        co_await m_tokens->remove();
+    } catch (...) {
+        releaseAuthorization();
+        throw;
+    }
+    advanceAuthorization();
+    releaseAuthorization();
+    if (failure)
+        std::rethrow_exception(failure);
+}
+
+QCoro::Task<PreparedRequest> APIClient::request(QString path, QByteArray method,
+                                                std::optional<QByteArray> body,
+                                                bool authenticated) {
+    PreparedRequest prepared;
+    prepared.request = m_session.makeRequest(m_configuration.url(path));
+    prepared.request.setRawHeader("Accept", "application/json");
+    if (body)
+        prepared.request.setRawHeader("Content-Type", "application/json");
+    prepared.method = std::move(method);
+    prepared.body = std::move(body);
+    prepared.epoch = m_authorizationEpoch;
+
+    if (authenticated) {
+        if (m_tokens->origin().key() != m_configuration.origin().key())
+            throw ClientError(ClientError::Kind::noAuthorization);
+        const auto credential = co_await readCredential();
+        if (!credential.first)
+            throw ClientError(ClientError::Kind::noAuthorization);
+        prepared.request.setRawHeader("Authorization", "Bearer " + credential.first->toUtf8());
+        prepared.epoch = credential.second;
+        prepared.token = credential.first;
+    }
+    co_return prepared;
+}
+
+QCoro::Task<QByteArray> APIClient::data(PreparedRequest prepared, std::stop_token stop) {
+    if (stop.stop_requested())
+        throw CancellationError();
+    ReplyReader reader(m_session.send(prepared.request, prepared.method, prepared.body), stop,
+                       m_session.timeouts().total);
+    const auto body = co_await reader.readAll(maxResponseBytes);
+    const int status = reader.status().value_or(0);
+    co_await observeStatus(status, prepared);
+    if (status < 200 || status > 299)
+        fail(status, body);
+    checkEpoch(prepared);
+    co_return body;
+}
+
+QCoro::Task<void> APIClient::observeStatus(int status, PreparedRequest prepared) {
+    if (status != 401 || !prepared.token)
+        co_return;
+    co_await acquireAuthorization();
+    if (prepared.epoch == m_authorizationEpoch) {
+        bool removed = false;
+        try {
+            removed = co_await m_tokens->removeIfMatching(*prepared.token);
+        } catch (...) {
+            removed = false; // the caller still gets the 401's own failure
+        }
+        if (removed && prepared.epoch == m_authorizationEpoch) {
+            advanceAuthorization();
+            if (m_onUnauthorized)
+                m_onUnauthorized();
+        }
+    }
+    releaseAuthorization();
+}
+
+void APIClient::fail(int status, const QByteArray& body) {
+    if (auto error = APIError::fromEnvelope(body))
+        throw *error;
+    throw ClientError::http(status);
+}
+
+void APIClient::checkEpoch(const PreparedRequest& prepared) const {
+    // The credential was revoked or replaced while this request was in flight: its answer
+    // belongs to the old sign-in.
+    if (prepared.token && prepared.epoch != m_authorizationEpoch)
+        throw ClientError(ClientError::Kind::noAuthorization);
+}
+
+} // namespace kestrolan

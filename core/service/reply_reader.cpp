@@ -1,0 +1,111 @@
+#include "service/reply_reader.h"
+
+#include "service/client_error.h"
+#include "service/transport_error.h"
+
+#include <QCoroNetworkReply>
+
+namespace kestrolan {
+
+namespace {
+
+// Qt reports HTTP statuses as errors too; those still carry a complete answer.
+bool isTransportFailure(QNetworkReply::NetworkError error) {
+    return error != QNetworkReply::NoError &&
+           (error < 200 || error == QNetworkReply::ProtocolFailure);
+}
+
+} // namespace
+
+ReplyReader::ReplyReader(QNetworkReply* reply, std::stop_token stop,
+                         std::chrono::milliseconds total)
+    : m_reply(reply) {
+    m_totalTimer.setSingleShot(true);
+    QObject::connect(&m_totalTimer, &QTimer::timeout, [this] {
+        m_timedOut = true;
+        abort();
+    });
+    m_totalTimer.start(total);
+    m_onStop.emplace(std::move(stop), [this] {
+        m_cancelled = true;
+        // The stop may come from another thread; the reply is aborted on its own.
+        if (auto* target = m_reply.data())
+            QMetaObject::invokeMethod(target, &QNetworkReply::abort, Qt::QueuedConnection);
+    });
+}
+
+ReplyReader::~ReplyReader() {
+    m_onStop.reset();
+    if (m_reply) {
+        m_reply->disconnect();
+        if (!m_reply->isFinished())
+            m_reply->abort();
+        m_reply->deleteLater();
+    }
+}
+
+void ReplyReader::abort() {
+    if (m_reply && !m_reply->isFinished())
+        m_reply->abort();
+}
+
+std::optional<int> ReplyReader::status() const {
+    if (!m_reply)
+        return std::nullopt;
+    const auto value = m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    return value.isValid() ? std::optional(value.toInt()) : std::nullopt;
+}
+
+QByteArray ReplyReader::header(const QByteArray& name) const {
+    return m_reply ? m_reply->rawHeader(name) : QByteArray();
+}
+
+QCoro::Task<std::optional<QByteArray>> ReplyReader::next() {
+    for (;;) {
+        if (m_cancelled || !m_reply)
+            throw CancellationError();
+        if (const auto available = m_reply->bytesAvailable(); available > 0)
+            co_return m_reply->read(available);
+        if (m_reply->isFinished()) {
+            if (isTransportFailure(m_reply->error())) {
+                if (!status())
+                    throw m_timedOut ? TransportError(TransportError::Kind::timedOut)
+                                     : TransportError::from(m_reply->error());
+                m_truncated = true;
+            } else if (!status()) {
+                throw ClientError(ClientError::Kind::invalidResponse);
+            }
+            co_return std::nullopt;
+        }
+        co_await qCoro(m_reply.data()).waitForReadyRead(std::chrono::milliseconds(-1));
+    }
+}
+
+QCoro::Task<QByteArray> ReplyReader::readAll(qsizetype limit) {
+    QByteArray body;
+    while (auto piece = co_await next()) {
+        if (piece->size() > limit - body.size()) {
+            abort();
+            throw ClientError(ClientError::Kind::responseTooLarge);
+        }
+        body += *piece;
+    }
+    if (m_truncated)
+        throw m_timedOut ? TransportError(TransportError::Kind::timedOut)
+                         : TransportError::from(m_reply->error());
+    co_return body;
+}
+
+QCoro::Task<QByteArray> ReplyReader::readUpTo(qsizetype limit) {
+    QByteArray body;
+    while (auto piece = co_await next()) {
+        body += piece->left(limit - body.size());
+        if (body.size() >= limit) {
+            abort();
+            break;
+        }
+    }
+    co_return body;
+}
+
+} // namespace kestrolan

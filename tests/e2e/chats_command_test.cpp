@@ -1,0 +1,382 @@
+#include "account/keychain_token_store.h"
+#include "conversation/saved_chat_summary.h"
+#include "conversation/saved_conversation.h"
+#include "platform/system_keychain_access.h"
+#include "run_task.h"
+#include "secret_service.h"
+#include "service/api_client.h"
+#include "service/api_error.h"
+
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QProcess>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+
+using namespace kestrolan;
+using namespace kestrolan::test;
+
+inline void PrintTo(const QString& text, std::ostream* out) {
+    *out << '"' << text.toStdString() << '"';
+}
+
+// `kestrolan-cli chats` against the real development service: chats are saved through the
+// app's own client, then listed, shown and deleted by the CLI as separate processes.
+namespace {
+
+const QString cliPath = QStringLiteral(KESTROLAN_CLI_PATH);
+const QString devservicePath = QStringLiteral(KESTROLAN_DEVSERVICE_PATH);
+
+struct CliRun {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+class ChatsEndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(SecretService::isPrivate()) << "no private Secret Service: run "
+                                                   "through tests/support/with-secret-service";
+        m_service.setProgram(devservicePath);
+        m_service.setArguments({QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0"),
+                                QStringLiteral("--data"), m_data.path(),
+                                QStringLiteral("--auto-approve")});
+        m_service.start();
+        const QByteArray prefix = "kestrolan-devservice listening on ";
+        while (m_baseURL.isEmpty()) {
+            ASSERT_TRUE(m_service.canReadLine() || m_service.waitForReadyRead(10'000))
+                << m_service.readAllStandardError().constData();
+            const QByteArray line = m_service.readLine().trimmed();
+            if (line.startsWith(prefix))
+                m_baseURL = QString::fromUtf8(line.mid(prefix.size()));
+        }
+    }
+
+    void TearDown() override {
+        m_client.reset();
+        if (m_service.state() != QProcess::NotRunning) {
+            m_service.terminate();
+            if (!m_service.waitForFinished(10'000))
+                m_service.kill();
+        }
+    }
+
+    CliRun cli(const QStringList& arguments, const QByteArray& input = {}) const {
+        QProcess process;
+        auto environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("KESTROLAN_BASE_URL"), m_baseURL);
+        environment.insert(QStringLiteral("TZ"), QStringLiteral("UTC"));
+        process.setProcessEnvironment(environment);
+        process.start(cliPath, QStringList{QStringLiteral("chats")} + arguments);
+        process.write(input);
+        process.closeWriteChannel();
+        if (!process.waitForFinished(60'000))
+            qFatal("kestrolan-cli did not finish");
+        return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+                QString::fromUtf8(process.readAllStandardOutput()),
+                QString::fromUtf8(process.readAllStandardError())};
+    }
+
+    // `kestrolan-cli login --no-browser`, following the authorize address as a browser would
+    // and typing the callback in.
+    void signIn() {
+        QProcess login;
+        auto environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("KESTROLAN_BASE_URL"), m_baseURL);
+        login.setProcessEnvironment(environment);
+        login.start(cliPath, {QStringLiteral("login"), QStringLiteral("--no-browser")});
+        while (!login.canReadLine()) {
+            if (!login.waitForReadyRead(30'000))
+                qFatal("kestrolan-cli printed no sign-in address");
+        }
+        QNetworkAccessManager manager;
+        QNetworkRequest request(QUrl(QString::fromUtf8(login.readLine().trimmed())));
+        request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                             QNetworkRequest::ManualRedirectPolicy);
+        std::unique_ptr<QNetworkReply> reply(manager.get(request));
+        runUntil([&] { return reply->isFinished(); });
+        login.write(reply->rawHeader("Location") + '\n');
+        login.closeWriteChannel();
+        if (!login.waitForFinished(60'000))
+            qFatal("kestrolan-cli login did not finish");
+        ASSERT_EQ(login.exitCode(), 0) << login.readAllStandardError().constData();
+
+        // The app's client, with the token the CLI keeps.
+        const Configuration configuration(m_baseURL);
+        m_client = std::make_unique<APIClient>(
+            configuration, std::make_shared<KeychainTokenStore>(
+                               configuration.origin(), QString(KeychainTokenStore::appService),
+                               QString(KeychainTokenStore::appLegacyAccount),
+                               std::make_shared<SystemKeychainAccess>()));
+    }
+
+    SavedChatSummary save(const SavedConversation& conversation) {
+        return runTask(m_client->saveChat(QUuid::createUuid(), conversation, true));
+    }
+
+    // The service stamps chats with its own clock; older chats are made by editing its
+    // database, as days passing would.
+    void backdate(const QUuid& id, const QDateTime& when) const {
+        const QString name = QStringLiteral("backdate");
+        {
+            auto database = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
+            database.setDatabaseName(m_data.filePath(QStringLiteral("devservice.sqlite3")));
+            database.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=10000"));
+            ASSERT_TRUE(database.open());
+            QSqlQuery query(database);
+            query.prepare(QStringLiteral("UPDATE chats SET updated_at = ? WHERE id = ?"));
+            query.addBindValue(when.toMSecsSinceEpoch());
+            query.addBindValue(id.toString(QUuid::WithoutBraces));
+            ASSERT_TRUE(query.exec());
+            EXPECT_EQ(query.numRowsAffected(), 1);
+        }
+        QSqlDatabase::removeDatabase(name);
+    }
+
+    APIClient& client() { return *m_client; }
+
+    // The chat requests the service logged so far (it logs each request it answers), waiting until
+    // one naming `until` has arrived.
+    QStringList chatRequestsLogged(const QString& until) {
+        const QDeadlineTimer deadline(10'000);
+        while (!m_log.contains(until) && !deadline.hasExpired()) {
+            m_service.waitForReadyRead(100);
+            m_log += QString::fromUtf8(m_service.readAllStandardError());
+        }
+        QStringList requests;
+        for (const auto& line : m_log.split(u'\n')) {
+            if (line.contains(u" /api/chats"))
+                requests.append(line.section(QStringLiteral(": "), 1).trimmed());
+        }
+        return requests;
+    }
+
+private:
+    QTemporaryDir m_data;
+    QProcess m_service;
+    QString m_baseURL;
+    std::unique_ptr<APIClient> m_client;
+    QString m_log;
+};
+
+SavedConversation::Reply reply(const char* model, const char* text, int slot = 0) {
+    SavedConversation::Reply r;
+    r.slot = slot;
+    r.model = QString::fromUtf8(model);
+    r.text = QString::fromUtf8(text);
+    return r;
+}
+
+SavedConversation chat(const QString& title, const char* user = "Hello") {
+    SavedConversation c;
+    c.version = 2;
+    c.title = title;
+    c.slots = {QStringLiteral("kestrolan/echo")};
+    c.settings = {QString(), QStringLiteral("1024"), QStringLiteral("0.7")};
+    SavedConversation::Turn turn;
+    turn.user = QString::fromUtf8(user);
+    turn.replies = {reply("kestrolan/echo", "Hi.")};
+    c.turns = {turn};
+    return c;
+}
+
+// Two turns; the first stopped while a tool ran in one column and failed in the other.
+SavedConversation tripPlans() {
+    auto c = chat(QStringLiteral("Trip plans"), "Where should we go?");
+    c.slots.append(QStringLiteral("kestrolan/scripted"));
+    auto& first = c.turns[0];
+    first.attachments = QList{WireAttachment{QStringLiteral("notes.txt"), QStringLiteral("Sun.")}};
+    auto echo = reply("kestrolan/echo", "Somewhere warm.");
+    echo.state = SavedConversation::Reply::State::stopped;
+    echo.exchanges = QList<ChatMessage>{
+        ChatMessage{.role = ChatMessage::Role::assistant,
+                    .toolCalls = QList<ToolCall>{{QStringLiteral("c1"),
+                                                  QStringLiteral("function"),
+                                                  {QStringLiteral("read_file"),
+                                                   QStringLiteral(R"({"path":"notes.txt"})")}},
+                                                 {QStringLiteral("c2"),
+                                                  QStringLiteral("function"),
+                                                  {QStringLiteral("web_search"),
+                                                   QStringLiteral(R"({"query":"warm places"})")}}}},
+        ChatMessage{.role = ChatMessage::Role::tool,
+                    .content = QStringLiteral(R"({"text":"Sun."})"),
+                    .toolCallID = QStringLiteral("c1")}};
+    echo.meta = {
+        {QStringLiteral("Total charged $0.000014"), false},
+        {QStringLiteral("Billing confirmation pending; see Activity before continuing."), true}};
+    auto scripted = reply("kestrolan/scripted", "", 1);
+    scripted.state = SavedConversation::Reply::State::error;
+    scripted.error = SavedConversation::ReplyError{QStringLiteral("insufficient_credit"),
+                                                   QStringLiteral("Add credit to continue.")};
+    first.replies = {echo, scripted};
+    SavedConversation::Turn second;
+    second.user = QStringLiteral("Thanks");
+    second.replies = {reply("kestrolan/echo", "You're welcome.")};
+    c.turns.append(second);
+    return c;
+}
+
+QString listed(const SavedChatSummary& summary, const QString& title) {
+    return u"  " + summary.id.toString(QUuid::WithoutBraces) + u"  " +
+           summary.updatedAt.toUTC().toString(QStringLiteral("yyyy-MM-dd HH:mm")) + u"  " + title;
+}
+
+} // namespace
+
+TEST_F(ChatsEndToEnd, ListsShowsAndDeletesTheAccountsChats) {
+    const auto signedOut = cli({QStringLiteral("list")});
+    EXPECT_EQ(signedOut.exitCode, 1);
+    EXPECT_EQ(signedOut.err, u"Sign in to continue.\n");
+    EXPECT_EQ(signedOut.out, u"");
+
+    signIn();
+    EXPECT_EQ(cli({QStringLiteral("list")}).out, u"No saved chats.\n");
+    EXPECT_EQ(cli({QStringLiteral("list"), QStringLiteral("--json")}).out, u"[]\n");
+
+    const QDate today = QDateTime::currentDateTimeUtc().date();
+    const auto older = save(chat(QStringLiteral("Old notes")));
+    const auto yesterday = save(chat(QStringLiteral("Yesterday's chat")));
+    const auto thisWeek = save(chat(QStringLiteral("Earlier this week")));
+    // Title text from the service cannot drive the terminal or break the listing's lines.
+    auto noisy = save(chat(QStringLiteral("\x1b[31mRed\x1b[0m title\nsecond line")));
+    const auto trip = save(tripPlans());
+    EXPECT_EQ(trip.title, u"Trip plans");
+
+    backdate(older.id, QDateTime(today.addDays(-40), QTime(9, 30), QTimeZone::utc()));
+    backdate(yesterday.id, QDateTime(today.addDays(-1), QTime(12, 0), QTimeZone::utc()));
+    backdate(thisWeek.id, QDateTime(today.addDays(-3), QTime(8, 15), QTimeZone::utc()));
+    noisy.updatedAt = trip.updatedAt.addSecs(-1);
+    backdate(noisy.id, noisy.updatedAt);
+    const auto summaries = runTask(client().chats());
+    ASSERT_EQ(summaries.size(), 5);
+    const auto find = [&](const QUuid& id) {
+        return *std::find_if(summaries.begin(), summaries.end(),
+                             [&](const auto& s) { return s.id == id; });
+    };
+
+    const auto list = cli({QStringLiteral("list")});
+    EXPECT_EQ(list.exitCode, 0) << list.err.toStdString();
+    EXPECT_EQ(list.err, u"");
+    EXPECT_EQ(list.out,
+              QStringList({
+                              QStringLiteral("Today"),
+                              listed(find(trip.id), QStringLiteral("Trip plans")),
+                              listed(find(noisy.id), QStringLiteral("Red title second line")),
+                              QString(),
+                              QStringLiteral("Yesterday"),
+                              listed(find(yesterday.id), QStringLiteral("Yesterday's chat")),
+                              QString(),
+                              QStringLiteral("Previous 7 days"),
+                              listed(find(thisWeek.id), QStringLiteral("Earlier this week")),
+                              QString(),
+                              QStringLiteral("Older"),
+                              listed(find(older.id), QStringLiteral("Old notes")),
+                          })
+                      .join(u'\n') +
+                  u'\n');
+
+    const auto json = cli({QStringLiteral("list"), QStringLiteral("--json")});
+    const auto array = QJsonDocument::fromJson(json.out.toUtf8()).array();
+    ASSERT_EQ(array.size(), 5);
+    const QStringList groups{QStringLiteral("Today"), QStringLiteral("Today"),
+                             QStringLiteral("Yesterday"), QStringLiteral("Previous 7 days"),
+                             QStringLiteral("Older")};
+    const QList<QUuid> order{trip.id, noisy.id, yesterday.id, thisWeek.id, older.id};
+    for (int i = 0; i < 5; ++i) {
+        const auto entry = array[i].toObject();
+        EXPECT_EQ(QUuid::fromString(entry.value(u"id").toString()), order[i]) << i;
+        EXPECT_EQ(entry.value(u"group").toString(), groups[i]) << i;
+        EXPECT_EQ(SavedChatSummary::parseDate(entry.value(u"updated_at").toString()),
+                  find(order[i]).updatedAt)
+            << i;
+    }
+    EXPECT_EQ(array[1].toObject().value(u"title").toString(),
+              u"\x1b[31mRed\x1b[0m title\nsecond line"); // JSON keeps the title as stored
+
+    const QString tripID = trip.id.toString(QUuid::WithoutBraces);
+    const auto shown = cli({QStringLiteral("show"), tripID});
+    EXPECT_EQ(shown.exitCode, 0) << shown.err.toStdString();
+    EXPECT_EQ(shown.out,
+              u"Title: Trip plans\n"
+              u"\n"
+              u"You:\n"
+              u"Where should we go?\n"
+              u"[Attached: notes.txt]\n"
+              u"\n"
+              u"kestrolan/echo:\n"
+              u"[Tool: read_file notes.txt]\n"
+              u"[Tool: web_search warm places]\n"
+              u"Somewhere warm.\n"
+              u"Response stopped.\n"
+              u"  Total charged $0.000014\n"
+              u"  Warning: Billing confirmation pending; see Activity before continuing.\n"
+              u"\n"
+              u"kestrolan/scripted:\n"
+              u"Error: Add credit to continue.\n"
+              u"\n"
+              u"You:\n"
+              u"Thanks\n"
+              u"\n"
+              u"kestrolan/echo:\n"
+              u"You're welcome.\n");
+    const auto shownJson =
+        cli({QStringLiteral("show"), tripID.toUpper(), QStringLiteral("--json")});
+    EXPECT_EQ(shownJson.exitCode, 0) << shownJson.err.toStdString();
+    EXPECT_EQ(QJsonDocument::fromJson(shownJson.out.toUtf8()).object(), tripPlans().toJson());
+
+    const QString olderID = older.id.toString(QUuid::WithoutBraces);
+    const auto deleted = cli({QStringLiteral("delete"), olderID});
+    EXPECT_EQ(deleted.exitCode, 0) << deleted.err.toStdString();
+    EXPECT_EQ(deleted.out, u"Deleted chat " + olderID + u".\n");
+    EXPECT_FALSE(cli({QStringLiteral("list")}).out.contains(olderID));
+    EXPECT_EQ(runTask(client().chats()).size(), 4);
+
+    // A chat that is gone: the service's own words, and the failure exit code.
+    QString serviceMessage;
+    try {
+        runTask(client().chat(older.id));
+    } catch (const APIError& error) {
+        serviceMessage = error.message();
+    }
+    ASSERT_FALSE(serviceMessage.isEmpty());
+    const auto missing = cli({QStringLiteral("show"), olderID});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_EQ(missing.err, serviceMessage + u'\n');
+    EXPECT_EQ(missing.out, u"");
+}
+
+TEST_F(ChatsEndToEnd, RefusesMalformedCommandLinesBeforeAnyRequest) {
+    signIn();
+    const auto usage = [this](const QStringList& arguments, const char* message) {
+        const auto run = cli(arguments);
+        EXPECT_EQ(run.exitCode, 2) << arguments.join(u' ').toStdString();
+        EXPECT_TRUE(run.err.contains(QString::fromUtf8(message)))
+            << arguments.join(u' ').toStdString() << ": " << run.err.toStdString();
+        EXPECT_EQ(run.out, u"");
+    };
+    usage({}, "Usage: kestrolan-cli chats SUBCOMMAND");
+    usage({QStringLiteral("rename")}, "unknown subcommand \"rename\"");
+    usage({QStringLiteral("show")}, "give the id of one chat");
+    usage({QStringLiteral("show"), QStringLiteral("not-an-id")}, "\"not-an-id\" is not a chat id");
+    usage({QStringLiteral("delete"), QUuid::createUuid().toString(), QStringLiteral("extra")},
+          "give the id of one chat");
+    usage({QStringLiteral("delete"), QUuid::createUuid().toString(), QStringLiteral("--json")},
+          "Unknown option 'json'");
+    usage({QStringLiteral("list"), QStringLiteral("everything")}, "unexpected argument");
+
+    const auto help = cli({QStringLiteral("show"), QStringLiteral("--help")});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_TRUE(help.out.startsWith(u"Usage: kestrolan-cli chats show ID [--json]"));
+
+    // Of all these, only the one well-formed command reached the service.
+    EXPECT_EQ(cli({QStringLiteral("list")}).exitCode, 0);
+    EXPECT_EQ(chatRequestsLogged(QStringLiteral("GET /api/chats")),
+              QStringList{QStringLiteral("GET /api/chats 200")});
+}
