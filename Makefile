@@ -3,6 +3,7 @@ PRESET ?= ci
 BUILD_DIR := build
 JOBS ?= $(shell nproc)
 export CCACHE_NOHASHDIR := 1
+export CCACHE_BASEDIR := $(CURDIR)
 
 .PHONY: all deps configure build test test-asan bench fuzz run format tidy clean
 
@@ -26,7 +27,7 @@ test: build
 # Core and runner tests under AddressSanitizer + UndefinedBehaviorSanitizer.
 test-asan: deps
 	cmake --preset asan
-	cmake --build build-asan -j $(JOBS)
+	cmake --build build-asan -j $(JOBS) --target core-tests
 	ctest --test-dir build-asan --output-on-failure -j $(JOBS) -L core --timeout 600
 
 bench: build

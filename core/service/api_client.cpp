@@ -8,28 +8,6 @@
 
 namespace kestrolan {
 
-// Suspends until the authorization gate is free; a releaser hands the gate straight to the
-// first waiter, so `busy` stays set across the hand-over.
-class APIClient::GateAwaiter {
-public:
-    explicit GateAwaiter(APIClient& client)
-        : m_client(client) {}
-
-    bool await_ready() {
-        if (m_client.m_authorizationBusy)
-            return false;
-        m_client.m_authorizationBusy = true;
-        return true;
-    }
-    void await_suspend(std::coroutine_handle<> waiter) {
-        m_client.m_authorizationWaiters.push_back(waiter);
-    }
-    void await_resume() const noexcept {}
-
-private:
-    APIClient& m_client;
-};
-
 APIClient::APIClient(Configuration configuration, std::shared_ptr<TokenStore> tokens,
                      QObject* parent)
     : QObject(parent)
@@ -37,22 +15,6 @@ APIClient::APIClient(Configuration configuration, std::shared_ptr<TokenStore> to
     , m_tokens(std::move(tokens)) {}
 
 APIClient::~APIClient() = default;
-
-APIClient::GateAwaiter APIClient::acquireAuthorization() {
-    return GateAwaiter(*this);
-}
-
-void APIClient::releaseAuthorization() {
-    if (m_authorizationWaiters.empty()) {
-        m_authorizationBusy = false;
-        return;
-    }
-    const auto next = m_authorizationWaiters.front();
-    m_authorizationWaiters.pop_front();
-    // Resume from the event loop, not from inside the releaser's frame.
-    QMetaObject::invokeMethod(
-        this, [next] { next.resume(); }, Qt::QueuedConnection);
-}
 
 void APIClient::advanceAuthorization() {
     checkedIncrement(m_authorizationEpoch);
@@ -74,16 +36,9 @@ void APIClient::onAuthorizationInvalidated(QObject* owner, std::function<void()>
 }
 
 QCoro::Task<std::pair<std::optional<QString>, quint64>> APIClient::readCredential() {
-    co_await acquireAuthorization();
-    try {
-        auto token = co_await m_tokens->read();
-        const auto epoch = m_authorizationEpoch;
-        releaseAuthorization();
-        co_return std::pair{std::move(token), epoch};
-    } catch (...) {
-        releaseAuthorization();
-        throw;
-    }
+    const auto turn = co_await m_authorizationGate.enter();
+    auto token = co_await m_tokens->read();
+    co_return std::pair{std::move(token), m_authorizationEpoch};
 }
 
 QCoro::Task<bool> APIClient::restoreAuthorization() {
@@ -94,15 +49,9 @@ QCoro::Task<bool> APIClient::restoreAuthorization() {
 }
 
 QCoro::Task<void> APIClient::installToken(QString token) {
-    co_await acquireAuthorization();
-    try {
-        co_await m_tokens->write(std::move(token));
-    } catch (...) {
-        releaseAuthorization();
-        throw;
-    }
+    const auto turn = co_await m_authorizationGate.enter();
+    co_await m_tokens->write(std::move(token));
     advanceAuthorization();
-    releaseAuthorization();
 }
 
 QCoro::Task<void> APIClient::logout(std::stop_token stop) {
@@ -122,15 +71,11 @@ QCoro::Task<void> APIClient::logout(std::stop_token stop) {
         failure = std::current_exception();
     }
 
-    co_await acquireAuthorization();
-    try {
+    {
+        const auto turn = co_await m_authorizationGate.enter();
         co_await m_tokens->remove();
-    } catch (...) {
-        releaseAuthorization();
-        throw;
+        advanceAuthorization();
     }
-    advanceAuthorization();
-    releaseAuthorization();
     if (failure)
         std::rethrow_exception(failure);
 }
@@ -177,21 +122,22 @@ QCoro::Task<QByteArray> APIClient::data(PreparedRequest prepared, std::stop_toke
 QCoro::Task<void> APIClient::observeStatus(int status, PreparedRequest prepared) {
     if (status != 401 || !prepared.token)
         co_return;
-    co_await acquireAuthorization();
-    if (prepared.epoch == m_authorizationEpoch) {
-        bool removed = false;
-        try {
-            removed = co_await m_tokens->removeIfMatching(*prepared.token);
-        } catch (...) {
-            removed = false; // the caller still gets the 401's own failure
-        }
-        if (removed && prepared.epoch == m_authorizationEpoch) {
-            advanceAuthorization();
-            if (m_onUnauthorized)
-                m_onUnauthorized();
-        }
+    const auto turn = co_await m_authorizationGate.enter();
+    // Another request already handled its 401, or a newer sign-in arrived: a stale 401 never
+    // signs that out.
+    if (prepared.epoch != m_authorizationEpoch)
+        co_return;
+    bool removed = false;
+    try {
+        removed = co_await m_tokens->removeIfMatching(*prepared.token);
+    } catch (const std::exception&) {
+        removed = false; // the caller still gets the 401's own failure
     }
-    releaseAuthorization();
+    if (removed && prepared.epoch == m_authorizationEpoch) {
+        advanceAuthorization();
+        if (m_onUnauthorized)
+            m_onUnauthorized();
+    }
 }
 
 void APIClient::fail(int status, const QByteArray& body) {

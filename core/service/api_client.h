@@ -6,13 +6,12 @@
 #include "service/configuration.h"
 #include "service/network_session.h"
 #include "service/prepared_request.h"
+#include "support/async_gate.h"
 
 #include <QCoroTask>
 #include <QObject>
 #include <QPointer>
 #include <QUuid>
-#include <coroutine>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <stop_token>
@@ -100,11 +99,7 @@ public:
     QCoro::Task<Catalog> catalog(std::stop_token stop = {});
 
 private:
-    class GateAwaiter;
-
     QCoro::Task<std::pair<std::optional<QString>, quint64>> readCredential();
-    GateAwaiter acquireAuthorization();
-    void releaseAuthorization();
     QCoro::Task<void> observeStatus(int status, PreparedRequest prepared);
     [[noreturn]] static void fail(int status, const QByteArray& body);
     void checkEpoch(const PreparedRequest& prepared) const;
@@ -120,8 +115,8 @@ private:
     NetworkSession m_session;
     std::vector<RevocationObserver> m_revocationObservers;
     quint64 m_authorizationEpoch = 0;
-    bool m_authorizationBusy = false;
-    std::deque<std::coroutine_handle<>> m_authorizationWaiters;
+    // Serialises credential work: a token is never read half-way through its replacement.
+    AsyncGate m_authorizationGate;
 };
 
 } // namespace kestrolan

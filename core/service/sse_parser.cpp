@@ -63,6 +63,8 @@ std::string_view view(QByteArrayView bytes) {
 }
 
 void appendTo(QByteArray& target, QByteArrayView bytes) {
+    if (bytes.isEmpty())
+        return; // an empty view may carry a null pointer, which memcpy must not see
     const qsizetype old = target.size();
     target.resize(old + bytes.size());
     std::memcpy(target.data() + old, bytes.data(), static_cast<size_t>(bytes.size()));

@@ -10,7 +10,6 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
-
 #include <gtest/gtest.h>
 
 using namespace kestrolan;
@@ -19,8 +18,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const QString incomplete = QStringLiteral(
-    "The stream ended before completion. Usage may still be awaiting confirmation.");
+const QString incomplete =
+    QStringLiteral("The stream ended before completion. Usage may still be awaiting confirmation.");
 const QString unreadable = QStringLiteral("Kestrolan returned an unreadable response.");
 
 class ChatStreamEndToEnd : public ::testing::Test {
@@ -28,17 +27,14 @@ protected:
     ChatStreamEndToEnd()
         : configuration(service.baseURL())
         , client(configuration,
-                 std::make_shared<MemoryTokenStore>(configuration.origin(), service.signIn()))
-    {
-    }
+                 std::make_shared<MemoryTokenStore>(configuration.origin(), service.signIn())) {}
 
     struct Outcome {
         QList<ChatStreamEvent> events;
         QString error; // empty when the stream completed
         std::optional<QString> errorCode;
 
-        QString text() const
-        {
+        QString text() const {
             QString joined;
             for (const auto& event : events) {
                 if (const auto* piece = std::get_if<ChatStreamEvent::Text>(&event.value))
@@ -47,8 +43,7 @@ protected:
             return joined;
         }
         template <typename T>
-        const T* find() const
-        {
+        const T* find() const {
             for (const auto& event : events) {
                 if (const auto* value = std::get_if<T>(&event.value))
                     return value;
@@ -57,16 +52,14 @@ protected:
         }
     };
 
-    Outcome chat(const QString& script, const QString& model = QStringLiteral("kestrolan/scripted"))
-    {
-        ChatRequest request{.model = model,
-                            .messages = {ChatMessage{.content = script}},
-                            .maxTokens = 1000};
+    Outcome chat(const QString& script,
+                 const QString& model = QStringLiteral("kestrolan/scripted")) {
+        ChatRequest request{
+            .model = model, .messages = {ChatMessage{.content = script}}, .maxTokens = 1000};
         Outcome outcome;
         try {
-            runTask(client.stream(request, [&](ChatStreamEvent event) {
-                outcome.events.append(std::move(event));
-            }));
+            runTask(client.stream(
+                request, [&](ChatStreamEvent event) { outcome.events.append(std::move(event)); }));
         } catch (const APIError& error) {
             outcome.error = error.description();
             outcome.errorCode = error.code();
@@ -76,8 +69,7 @@ protected:
         return outcome;
     }
 
-    QCoro::Task<QByteArray> get(QString path)
-    {
+    QCoro::Task<QByteArray> get(QString path) {
         auto prepared = co_await client.request(std::move(path), "GET", {}, true);
         co_return co_await client.data(std::move(prepared));
     }
@@ -89,8 +81,7 @@ protected:
 
 } // namespace
 
-TEST_F(ChatStreamEndToEnd, TextUsageAndTheExactCharge)
-{
+TEST_F(ChatStreamEndToEnd, TextUsageAndTheExactCharge) {
     const auto outcome = chat(QStringLiteral("@text Hello there, world.\n@usage 1000 2000"));
     ASSERT_EQ(outcome.error, QString());
     EXPECT_EQ(outcome.text(), u"Hello there, world.");
@@ -107,19 +98,19 @@ TEST_F(ChatStreamEndToEnd, TextUsageAndTheExactCharge)
               u"Repeat after me");
 }
 
-TEST_F(ChatStreamEndToEnd, ToolCallsAssembledFromFragments)
-{
-    const auto outcome = chat(QStringLiteral(
-        "@text Let me look.\n"
-        "@tool read_file {\"path\":\"notes/a long file name.txt\",\"offset\":0}\n"
-        "@tool list_directory {\"path\":\".\"}"));
+TEST_F(ChatStreamEndToEnd, ToolCallsAssembledFromFragments) {
+    const auto outcome = chat(
+        QStringLiteral("@text Let me look.\n"
+                       "@tool read_file {\"path\":\"notes/a long file name.txt\",\"offset\":0}\n"
+                       "@tool list_directory {\"path\":\".\"}"));
     ASSERT_EQ(outcome.error, QString());
     EXPECT_EQ(outcome.text(), u"Let me look.");
     const auto* calls = outcome.find<ChatStreamEvent::ToolCalls>();
     ASSERT_NE(calls, nullptr);
     ASSERT_EQ(calls->calls.size(), 2);
     EXPECT_EQ(calls->calls[0],
-              (ToolCall{QStringLiteral("call_1"), QStringLiteral("function"),
+              (ToolCall{QStringLiteral("call_1"),
+                        QStringLiteral("function"),
                         {QStringLiteral("read_file"),
                          QStringLiteral(R"({"path":"notes/a long file name.txt","offset":0})")}}));
     EXPECT_EQ(calls->calls[1].function.name, u"list_directory");
@@ -127,8 +118,7 @@ TEST_F(ChatStreamEndToEnd, ToolCallsAssembledFromFragments)
     EXPECT_EQ(outcome.events.last(), ChatStreamEvent::done());
 }
 
-TEST_F(ChatStreamEndToEnd, FramingVariantsDecodeAlike)
-{
+TEST_F(ChatStreamEndToEnd, FramingVariantsDecodeAlike) {
     const auto plain = chat(QStringLiteral("@text One two three."));
     const auto framed = chat(QStringLiteral(
         "@bom\n@crlf\n@keepalive 3\n@text One two\n@comment still here\n@text  three."));
@@ -139,8 +129,7 @@ TEST_F(ChatStreamEndToEnd, FramingVariantsDecodeAlike)
     EXPECT_EQ(framed.events.last(), ChatStreamEvent::done());
 }
 
-TEST_F(ChatStreamEndToEnd, BillingStatesAndTheirSummaries)
-{
+TEST_F(ChatStreamEndToEnd, BillingStatesAndTheirSummaries) {
     const auto summary = [&](const char* state) {
         const auto outcome = chat(QStringLiteral("@text ok\n@billing ") + QString::fromUtf8(state));
         EXPECT_EQ(outcome.error, QString()) << state;
@@ -153,8 +142,7 @@ TEST_F(ChatStreamEndToEnd, BillingStatesAndTheirSummaries)
     EXPECT_EQ(summary("none"), u"<none>");
 }
 
-TEST_F(ChatStreamEndToEnd, FailuresKeepWhatWasAlreadyShown)
-{
+TEST_F(ChatStreamEndToEnd, FailuresKeepWhatWasAlreadyShown) {
     const auto failed = chat(QStringLiteral("@text Partial answer\n@error overloaded The model is "
                                             "overloaded."));
     EXPECT_EQ(failed.error, u"The model is overloaded.");
@@ -173,11 +161,10 @@ TEST_F(ChatStreamEndToEnd, FailuresKeepWhatWasAlreadyShown)
     EXPECT_EQ(chat(QStringLiteral("@tool read_file {}\n@finish stop")).error, incomplete);
 }
 
-TEST_F(ChatStreamEndToEnd, MalformedStreamsAreRefused)
-{
-    EXPECT_EQ(chat(QStringLiteral("@text fine\n@raw {\"choices\":[{\"delta\":{\"content\":7}}]}"))
-                  .error,
-              unreadable);
+TEST_F(ChatStreamEndToEnd, MalformedStreamsAreRefused) {
+    EXPECT_EQ(
+        chat(QStringLiteral("@text fine\n@raw {\"choices\":[{\"delta\":{\"content\":7}}]}")).error,
+        unreadable);
     EXPECT_EQ(chat(QStringLiteral("@raw not json")).error, unreadable);
     // Calls at indexes 0 and 2 leave a gap.
     EXPECT_EQ(chat(QStringLiteral("@tool-at 0 a read_file {}\n@tool-at 2 b read_file {}")).error,
@@ -187,8 +174,7 @@ TEST_F(ChatStreamEndToEnd, MalformedStreamsAreRefused)
               u"The stream exceeded its size limit.");
 }
 
-TEST_F(ChatStreamEndToEnd, RefusalsAndStallsFromTheService)
-{
+TEST_F(ChatStreamEndToEnd, RefusalsAndStallsFromTheService) {
     const auto rejected = chat(QStringLiteral("@reject 402 insufficient_credit Add credit."));
     EXPECT_EQ(rejected.error, u"Add credit.");
     EXPECT_EQ(rejected.errorCode, QStringLiteral("insufficient_credit"));
@@ -203,8 +189,7 @@ TEST_F(ChatStreamEndToEnd, RefusalsAndStallsFromTheService)
     EXPECT_EQ(stalled.text(), u"Thinking");
 }
 
-TEST_F(ChatStreamEndToEnd, InjectedFaultsReachTheCallerAsTheirErrors)
-{
+TEST_F(ChatStreamEndToEnd, InjectedFaultsReachTheCallerAsTheirErrors) {
     const auto failure = [&](const char* fault) {
         service.admin("POST", QStringLiteral("/admin/fault"), QByteArray(fault));
         return chat(QStringLiteral("@text unreachable")).error;

@@ -9,7 +9,6 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QUrlQuery>
-
 #include <memory>
 
 namespace kestrolan::test {
@@ -22,8 +21,7 @@ struct Answer {
     QByteArray body;
 };
 
-Answer send(const QByteArray& method, const QUrl& url, const QByteArray& body = {})
-{
+Answer send(const QByteArray& method, const QUrl& url, const QByteArray& body = {}) {
     QNetworkAccessManager manager;
     QNetworkRequest request(url);
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
@@ -36,16 +34,14 @@ Answer send(const QByteArray& method, const QUrl& url, const QByteArray& body = 
             reply->rawHeader("Location"), reply->readAll()};
 }
 
-QString base64url(const QByteArray& bytes)
-{
+QString base64url(const QByteArray& bytes) {
     return QString::fromLatin1(
         bytes.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals));
 }
 
 } // namespace
 
-DevService::DevService(std::optional<QByteArray> catalog, QStringList extraArguments)
-{
+DevService::DevService(std::optional<QByteArray> catalog, QStringList extraArguments) {
     QStringList arguments{QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0"),
                           QStringLiteral("--data"), m_data.filePath(QStringLiteral("data")),
                           QStringLiteral("--auto-approve")};
@@ -68,13 +64,11 @@ DevService::DevService(std::optional<QByteArray> catalog, QStringList extraArgum
     }
 }
 
-DevService::~DevService()
-{
+DevService::~DevService() {
     stop();
 }
 
-void DevService::stop()
-{
+void DevService::stop() {
     if (m_process.state() == QProcess::NotRunning)
         return;
     m_process.terminate();
@@ -83,15 +77,15 @@ void DevService::stop()
     m_process.waitForFinished();
 }
 
-QString DevService::signIn() const
-{
+QString DevService::signIn() const {
     const auto verifier = base64url(QByteArray(32, '\x5a'));
     const auto challenge =
         base64url(QCryptographicHash::hash(verifier.toUtf8(), QCryptographicHash::Sha256));
     QUrl authorize(m_baseURL + u"/desktop/authorize");
-    authorize.setQuery(QUrlQuery{{QStringLiteral("state"), QStringLiteral("s1")},
-                                 {QStringLiteral("code_challenge"), challenge},
-                                 {QStringLiteral("code_challenge_method"), QStringLiteral("S256")}});
+    authorize.setQuery(
+        QUrlQuery{{QStringLiteral("state"), QStringLiteral("s1")},
+                  {QStringLiteral("code_challenge"), challenge},
+                  {QStringLiteral("code_challenge_method"), QStringLiteral("S256")}});
     const auto redirect = send("GET", authorize);
     if (redirect.status != 302)
         qFatal("authorize answered %d", redirect.status);
@@ -110,8 +104,7 @@ QString DevService::signIn() const
 }
 
 QByteArray DevService::admin(const QByteArray& method, const QString& path,
-                             const QByteArray& body) const
-{
+                             const QByteArray& body) const {
     const auto answer = send(method, QUrl(m_baseURL + path), body);
     if (answer.status < 200 || answer.status > 299)
         qFatal("admin call %s answered %d", qPrintable(path), answer.status);

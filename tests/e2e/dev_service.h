@@ -4,7 +4,6 @@
 #include <QProcess>
 #include <QStringList>
 #include <QTemporaryDir>
-
 #include <optional>
 
 namespace kestrolan::test {
