@@ -57,7 +57,7 @@ format:
 	git ls-files '*.c' '*.h' '*.cpp' | xargs clang-format -i
 
 tidy: build
-	git ls-files 'core/*.cpp' | xargs clang-tidy-16 -p $(BUILD_DIR) --quiet
+	git ls-files 'core/*.cpp' 'cli/*.cpp' | xargs -P $(JOBS) -n 4 clang-tidy-16 -p $(BUILD_DIR) --quiet
 
 clean:
 	rm -rf $(BUILD_DIR) build-asan build-fuzz

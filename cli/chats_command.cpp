@@ -18,6 +18,12 @@
 namespace kestrolan::cli {
 namespace {
 
+// Outside the coroutine that uses it: lambdas in coroutine frames trip GCC 12 and clang-tidy.
+void sortNewestFirst(QList<SavedChatSummary>& summaries) {
+    std::stable_sort(summaries.begin(), summaries.end(),
+                     [](const auto& a, const auto& b) { return a.updatedAt > b.updatedAt; });
+}
+
 const QString groupHelp =
     QStringLiteral("Usage: kestrolan-cli chats SUBCOMMAND\n"
                    "\n"
@@ -192,8 +198,7 @@ QCoro::Task<int> ChatsCommand::list(QStringList arguments) {
         co_return reportFailure(console(), std::current_exception());
     }
 
-    std::stable_sort(summaries.begin(), summaries.end(),
-                     [](const auto& a, const auto& b) { return a.updatedAt > b.updatedAt; });
+    sortNewestFirst(summaries);
     const QDateTime now = QDateTime::currentDateTimeUtc();
     const QTimeZone zone = QTimeZone::systemTimeZone();
 

@@ -23,23 +23,27 @@ const CatalogModel* CatalogStore::model(const QString& id) const {
 QCoro::Task<void> CatalogStore::refresh() {
     try {
         const auto catalog = co_await m_client.catalog();
-        m_models = catalog.models;
-        if (!m_selectedModelID) {
-            // The remembered model is taken as stored, even when the new list lacks it.
-            if (const auto lastUsed = m_defaults.string(lastUsedModelKey)) {
-                m_selectedModelID = lastUsed;
-            } else {
-                const auto first = std::find_if(m_models.begin(), m_models.end(),
-                                                [](const auto& model) { return model.available; });
-                if (first != m_models.end())
-                    m_selectedModelID = first->id;
-            }
-        }
+        adopt(catalog);
         m_errorMessage.reset();
     } catch (const Error& error) {
         m_errorMessage = error.description();
     }
     Q_EMIT changed();
+}
+
+void CatalogStore::adopt(const Catalog& catalog) {
+    m_models = catalog.models;
+    if (m_selectedModelID)
+        return;
+    // The remembered model is taken as stored, even when the new list lacks it.
+    if (const auto lastUsed = m_defaults.string(lastUsedModelKey)) {
+        m_selectedModelID = lastUsed;
+        return;
+    }
+    const auto first = std::find_if(m_models.begin(), m_models.end(),
+                                    [](const auto& model) { return model.available; });
+    if (first != m_models.end())
+        m_selectedModelID = first->id;
 }
 
 bool CatalogStore::select(const QString& id) {

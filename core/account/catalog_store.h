@@ -1,5 +1,6 @@
 #pragma once
 
+#include "account/catalog.h"
 #include "account/catalog_model.h"
 
 #include <QCoroTask>
@@ -36,6 +37,9 @@ Q_SIGNALS:
     void changed();
 
 private:
+    // Takes a fetched catalog and, when nothing is selected yet, picks the model to use.
+    void adopt(const Catalog& catalog);
+
     QList<CatalogModel> m_models;
     std::optional<QString> m_selectedModelID;
     std::optional<QString> m_errorMessage;

@@ -29,8 +29,8 @@ class APIClient : public QObject {
     Q_OBJECT
 
 public:
-    static constexpr qsizetype maxResponseBytes = 2 * 1024 * 1024;
-    static constexpr qsizetype maxErrorBodyBytes = 1024 * 1024;
+    static constexpr qsizetype maxResponseBytes = 2'097'152;
+    static constexpr qsizetype maxErrorBodyBytes = 1'048'576;
 
     // What the sign-in code exchange returns.
     struct DesktopToken {
@@ -80,7 +80,7 @@ public:
                              std::stop_token stop = {});
 
     // --- saved chats ---
-    static constexpr qsizetype maxSavedChatBytes = 1024 * 1024;
+    static constexpr qsizetype maxSavedChatBytes = 1'048'576;
     QCoro::Task<QList<SavedChatSummary>> chats(std::stop_token stop = {});
     // The stored chat, validated.
     QCoro::Task<SavedConversation> chat(QUuid id, std::stop_token stop = {});
