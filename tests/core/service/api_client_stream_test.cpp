@@ -32,7 +32,11 @@ struct StreamFixture {
     StreamFixture()
         : configuration(server.baseURL())
         , tokens(std::make_shared<MemoryTokenStore>(configuration.origin(), QStringLiteral("t")))
-        , client(configuration, tokens) {}
+        , client(configuration, tokens) {
+        // Qt 6.4 now and then never reports a connection dropped mid-body; only the transfer
+        // time-out ends such a reply, and the outcome is the same incomplete stream.
+        client.session().setTimeouts({.transfer = 3s, .total = 60s});
+    }
 
     // Runs one stream; returns the error text, empty on success. Events land in `events`.
     QString run(std::stop_token stop = {}) {
