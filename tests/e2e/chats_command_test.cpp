@@ -1,22 +1,17 @@
 #include "account/keychain_token_store.h"
+#include "cli_process.h"
 #include "conversation/saved_chat_summary.h"
 #include "conversation/saved_conversation.h"
-#include "platform/system_keychain_access.h"
+#include "dev_service.h"
 #include "run_task.h"
 #include "secret_service.h"
 #include "service/api_client.h"
 #include "service/api_error.h"
 
-#include <QDeadlineTimer>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QProcess>
 #include <QSqlDatabase>
 #include <QSqlQuery>
-#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 using namespace kestrolan;
@@ -30,91 +25,30 @@ inline void PrintTo(const QString& text, std::ostream* out) {
 // app's own client, then listed, shown and deleted by the CLI as separate processes.
 namespace {
 
-const QString cliPath = QStringLiteral(KESTROLAN_CLI_PATH);
-const QString devservicePath = QStringLiteral(KESTROLAN_DEVSERVICE_PATH);
-
-struct CliRun {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
 class ChatsEndToEnd : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(SecretService::isPrivate()) << "no private Secret Service: run "
                                                    "through tests/support/with-secret-service";
-        m_service.setProgram(devservicePath);
-        m_service.setArguments({QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0"),
-                                QStringLiteral("--data"), m_data.path(),
-                                QStringLiteral("--auto-approve")});
-        m_service.start();
-        const QByteArray prefix = "kestrolan-devservice listening on ";
-        while (m_baseURL.isEmpty()) {
-            ASSERT_TRUE(m_service.canReadLine() || m_service.waitForReadyRead(10'000))
-                << m_service.readAllStandardError().constData();
-            const QByteArray line = m_service.readLine().trimmed();
-            if (line.startsWith(prefix))
-                m_baseURL = QString::fromUtf8(line.mid(prefix.size()));
-        }
     }
 
-    void TearDown() override {
-        m_client.reset();
-        if (m_service.state() != QProcess::NotRunning) {
-            m_service.terminate();
-            if (!m_service.waitForFinished(10'000))
-                m_service.kill();
-        }
-    }
+    void TearDown() override { m_client.reset(); }
 
     CliRun cli(const QStringList& arguments, const QByteArray& input = {}) const {
-        QProcess process;
-        auto environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("KESTROLAN_BASE_URL"), m_baseURL);
-        environment.insert(QStringLiteral("TZ"), QStringLiteral("UTC"));
-        process.setProcessEnvironment(environment);
-        process.start(cliPath, QStringList{QStringLiteral("chats")} + arguments);
-        process.write(input);
-        process.closeWriteChannel();
-        if (!process.waitForFinished(60'000))
-            qFatal("kestrolan-cli did not finish");
-        return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-                QString::fromUtf8(process.readAllStandardOutput()),
-                QString::fromUtf8(process.readAllStandardError())};
+        QProcessEnvironment utc;
+        utc.insert(QStringLiteral("TZ"), QStringLiteral("UTC"));
+        return runCli(m_service.baseURL(), QStringList{QStringLiteral("chats")} + arguments, input,
+                      utc);
     }
 
-    // `kestrolan-cli login --no-browser`, following the authorize address as a browser would
-    // and typing the callback in.
     void signIn() {
-        QProcess login;
-        auto environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("KESTROLAN_BASE_URL"), m_baseURL);
-        login.setProcessEnvironment(environment);
-        login.start(cliPath, {QStringLiteral("login"), QStringLiteral("--no-browser")});
-        while (!login.canReadLine()) {
-            if (!login.waitForReadyRead(30'000))
-                qFatal("kestrolan-cli printed no sign-in address");
-        }
-        QNetworkAccessManager manager;
-        QNetworkRequest request(QUrl(QString::fromUtf8(login.readLine().trimmed())));
-        request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                             QNetworkRequest::ManualRedirectPolicy);
-        std::unique_ptr<QNetworkReply> reply(manager.get(request));
-        runUntil([&] { return reply->isFinished(); });
-        login.write(reply->rawHeader("Location") + '\n');
-        login.closeWriteChannel();
-        if (!login.waitForFinished(60'000))
-            qFatal("kestrolan-cli login did not finish");
-        ASSERT_EQ(login.exitCode(), 0) << login.readAllStandardError().constData();
+        const auto login = signInWithCli(m_service.baseURL());
+        ASSERT_EQ(login.exitCode, 0) << login.err.toStdString();
 
         // The app's client, with the token the CLI keeps.
-        const Configuration configuration(m_baseURL);
-        m_client = std::make_unique<APIClient>(
-            configuration, std::make_shared<KeychainTokenStore>(
-                               configuration.origin(), QString(KeychainTokenStore::appService),
-                               QString(KeychainTokenStore::appLegacyAccount),
-                               std::make_shared<SystemKeychainAccess>()));
+        const Configuration configuration(m_service.baseURL());
+        m_client = std::make_unique<APIClient>(configuration,
+                                               KeychainTokenStore::forApp(configuration.origin()));
     }
 
     SavedChatSummary save(const SavedConversation& conversation) {
@@ -127,7 +61,7 @@ protected:
         const QString name = QStringLiteral("backdate");
         {
             auto database = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
-            database.setDatabaseName(m_data.filePath(QStringLiteral("devservice.sqlite3")));
+            database.setDatabaseName(m_service.dataDirectory() + u"/devservice.sqlite3");
             database.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=10000"));
             ASSERT_TRUE(database.open());
             QSqlQuery query(database);
@@ -145,13 +79,9 @@ protected:
     // The chat requests the service logged so far (it logs each request it answers), waiting until
     // one naming `until` has arrived.
     QStringList chatRequestsLogged(const QString& until) {
-        const QDeadlineTimer deadline(10'000);
-        while (!m_log.contains(until) && !deadline.hasExpired()) {
-            m_service.waitForReadyRead(100);
-            m_log += QString::fromUtf8(m_service.readAllStandardError());
-        }
+        const QString log = m_service.logUntil(until);
         QStringList requests;
-        for (const auto& line : m_log.split(u'\n')) {
+        for (const auto& line : log.split(u'\n')) {
             if (line.contains(u" /api/chats"))
                 requests.append(line.section(QStringLiteral(": "), 1).trimmed());
         }
@@ -159,11 +89,8 @@ protected:
     }
 
 private:
-    QTemporaryDir m_data;
-    QProcess m_service;
-    QString m_baseURL;
+    DevService m_service;
     std::unique_ptr<APIClient> m_client;
-    QString m_log;
 };
 
 SavedConversation::Reply reply(const char* model, const char* text, int slot = 0) {

@@ -3,6 +3,7 @@
 #include "run_task.h"
 
 #include <QCryptographicHash>
+#include <QDeadlineTimer>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -86,10 +87,7 @@ QString DevService::signIn() const {
         QUrlQuery{{QStringLiteral("state"), QStringLiteral("s1")},
                   {QStringLiteral("code_challenge"), challenge},
                   {QStringLiteral("code_challenge_method"), QStringLiteral("S256")}});
-    const auto redirect = send("GET", authorize);
-    if (redirect.status != 302)
-        qFatal("authorize answered %d", redirect.status);
-    const QUrlQuery callback(QUrl(QString::fromUtf8(redirect.location)));
+    const QUrlQuery callback(openInBrowser(authorize));
     const auto exchange =
         send("POST", QUrl(m_baseURL + u"/api/desktop/token"),
              QJsonDocument(QJsonObject{{QStringLiteral("code"),
@@ -101,6 +99,22 @@ QString DevService::signIn() const {
     if (token.isEmpty())
         qFatal("code exchange failed: %s", exchange.body.constData());
     return token;
+}
+
+QUrl DevService::openInBrowser(const QUrl& authorize) {
+    const auto redirect = send("GET", authorize);
+    if (redirect.status != 302)
+        qFatal("authorize answered %d", redirect.status);
+    return QUrl(QString::fromUtf8(redirect.location));
+}
+
+QString DevService::logUntil(const QString& until) {
+    const QDeadlineTimer deadline(10'000);
+    while (!m_log.contains(until) && !deadline.hasExpired()) {
+        m_process.waitForReadyRead(100);
+        m_log += QString::fromUtf8(m_process.readAllStandardError());
+    }
+    return m_log;
 }
 
 QByteArray DevService::admin(const QByteArray& method, const QString& path,

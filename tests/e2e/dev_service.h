@@ -4,6 +4,7 @@
 #include <QProcess>
 #include <QStringList>
 #include <QTemporaryDir>
+#include <QUrl>
 #include <optional>
 
 namespace kestrolan::test {
@@ -19,6 +20,16 @@ public:
 
     void stop();
     const QString& baseURL() const { return m_baseURL; }
+    // Where the service keeps its database (devservice.sqlite3).
+    QString dataDirectory() const { return m_data.filePath(QStringLiteral("data")); }
+
+    // The service's log (it logs each request it answers), read until a line containing
+    // `until` has arrived or ten seconds have passed.
+    QString logUntil(const QString& until);
+
+    // What a browser does with the authorize address: GET it and receive the redirect to the
+    // app's callback, whose address is returned.
+    static QUrl openInBrowser(const QUrl& authorize);
 
     // Signs in the way the browser and the app do it together (authorize with a PKCE challenge,
     // the redirect to the callback, the code exchange) and returns the bearer token.
@@ -32,6 +43,7 @@ private:
     QTemporaryDir m_data;
     QProcess m_process;
     QString m_baseURL;
+    QString m_log;
 };
 
 } // namespace kestrolan::test

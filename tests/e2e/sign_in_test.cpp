@@ -1,4 +1,5 @@
 #include "account/keychain_token_store.h"
+#include "cli_process.h"
 #include "dev_service.h"
 #include "error.h"
 #include "platform/settings_defaults.h"
@@ -21,8 +22,6 @@ using namespace kestrolan::test;
 
 namespace {
 
-const QString cliPath = QStringLiteral(KESTROLAN_CLI_PATH);
-
 // Catalog order: an unavailable model first, so that the selection must skip it.
 const QByteArray catalogFile = R"({"models":[
   {"id":"test/old","display_name":"Old","available":false,"description":"Gone.",
@@ -35,12 +34,6 @@ const QByteArray catalogFile = R"({"models":[
    "context_tokens":1500000,"max_output_tokens":8192,"default_output_tokens":2048}
 ]})";
 
-struct CliRun {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
 class SignInEndToEnd : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -48,59 +41,12 @@ protected:
                                                    "through tests/support/with-secret-service";
     }
 
-    QProcessEnvironment environment(const std::optional<QString>& baseURL = {}) const {
-        auto env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("KESTROLAN_BASE_URL"), baseURL.value_or(service.baseURL()));
-        return env;
-    }
-
     CliRun cli(const QStringList& arguments, const QByteArray& input = {},
                const std::optional<QString>& baseURL = {}) const {
-        QProcess process;
-        process.setProcessEnvironment(environment(baseURL));
-        process.start(cliPath, arguments);
-        process.write(input);
-        process.closeWriteChannel();
-        if (!process.waitForFinished(60'000))
-            qFatal("kestrolan-cli did not finish");
-        return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-                QString::fromUtf8(process.readAllStandardOutput()),
-                QString::fromUtf8(process.readAllStandardError())};
+        return runCli(baseURL.value_or(service.baseURL()), arguments, input);
     }
 
-    // What a browser does with the authorize address: GET it and receive the redirect to the
-    // app's callback.
-    static QUrl openInBrowser(const QUrl& authorize) {
-        QNetworkAccessManager manager;
-        QNetworkRequest request(authorize);
-        request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                             QNetworkRequest::ManualRedirectPolicy);
-        std::unique_ptr<QNetworkReply> reply(manager.get(request));
-        runUntil([&] { return reply->isFinished(); });
-        EXPECT_EQ(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), 302);
-        return QUrl(QString::fromUtf8(reply->rawHeader("Location")));
-    }
-
-    // `kestrolan-cli login --no-browser`, with the callback typed in as a user would.
-    CliRun signIn() const {
-        QProcess process;
-        process.setProcessEnvironment(environment());
-        process.start(cliPath, {QStringLiteral("login"), QStringLiteral("--no-browser")});
-        while (!process.canReadLine()) {
-            if (!process.waitForReadyRead(30'000))
-                qFatal("kestrolan-cli printed no sign-in address");
-        }
-        const QUrl authorize(QString::fromUtf8(process.readLine().trimmed()));
-        EXPECT_EQ(authorize.toString(QUrl::RemoveQuery), service.baseURL() + u"/desktop/authorize");
-        const QUrl callback = openInBrowser(authorize);
-        EXPECT_EQ(callback.toString(QUrl::RemoveQuery), u"kestrolan://auth/callback");
-        process.write(callback.toEncoded() + '\n');
-        process.closeWriteChannel();
-        if (!process.waitForFinished(60'000))
-            qFatal("kestrolan-cli login did not finish");
-        return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
-                QString::fromUtf8(process.readAllStandardError())};
-    }
+    CliRun signIn() const { return signInWithCli(service.baseURL()); }
 
     // The token store the desktop app makes for this service.
     std::shared_ptr<KeychainTokenStore> appTokens() const {

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <QByteArray>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+
+namespace kestrolan::test {
+
+struct CliRun {
+    int exitCode = -1; // -1 when the process crashed
+    QString out;
+    QString err;
+};
+
+// kestrolan-cli as a real process, pointed at `baseURL` through KESTROLAN_BASE_URL; `extra`
+// adds or overrides environment variables.
+CliRun runCli(const QString& baseURL, const QStringList& arguments, const QByteArray& input = {},
+              const QProcessEnvironment& extra = {});
+
+// `kestrolan-cli login --no-browser` with the authorize address followed as a browser would
+// and the callback typed in as a user would.
+CliRun signInWithCli(const QString& baseURL);
+
+} // namespace kestrolan::test
