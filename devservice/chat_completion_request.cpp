@@ -17,29 +17,18 @@ ChatCompletionRequest::ToolCall readToolCall(const RequestJson& json) {
     call.id = json.string(QStringLiteral("id"));
     call.type = json.string(QStringLiteral("type"));
     if (call.id.isEmpty())
-        throw ApiException::invalidRequest(QStringLiteral("\"") + json.field(QStringLiteral("id")) +
-                                               QStringLiteral("\" must not be empty."),
-                                           json.field(QStringLiteral("id")));
+        json.refuse(QStringLiteral("id"), QStringLiteral("must not be empty."));
     if (call.type != u"function")
-        throw ApiException::invalidRequest(QStringLiteral("\"") +
-                                               json.field(QStringLiteral("type")) +
-                                               QStringLiteral("\" must be \"function\"."),
-                                           json.field(QStringLiteral("type")));
+        json.refuse(QStringLiteral("type"), QStringLiteral("must be \"function\"."));
     const auto function = json.optionalObject(QStringLiteral("function"));
     if (!function)
-        throw ApiException::invalidRequest(QStringLiteral("\"") +
-                                               json.field(QStringLiteral("function")) +
-                                               QStringLiteral("\" is required."),
-                                           json.field(QStringLiteral("function")));
+        json.refuse(QStringLiteral("function"), QStringLiteral("is required."));
     const RequestJson functionJson(*function, json.field(QStringLiteral("function")));
     functionJson.rejectUnknownKeys({QStringLiteral("name"), QStringLiteral("arguments")});
     call.name = functionJson.string(QStringLiteral("name"));
     call.arguments = functionJson.string(QStringLiteral("arguments"));
     if (call.name.isEmpty())
-        throw ApiException::invalidRequest(QStringLiteral("\"") +
-                                               functionJson.field(QStringLiteral("name")) +
-                                               QStringLiteral("\" must not be empty."),
-                                           functionJson.field(QStringLiteral("name")));
+        functionJson.refuse(QStringLiteral("name"), QStringLiteral("must not be empty."));
     return call;
 }
 
@@ -50,10 +39,8 @@ ChatCompletionRequest::Message readMessage(const RequestJson& json) {
     message.role = json.string(QStringLiteral("role"));
     if (message.role != u"system" && message.role != u"user" && message.role != u"assistant" &&
         message.role != u"tool")
-        throw ApiException::invalidRequest(
-            QStringLiteral("\"") + json.field(QStringLiteral("role")) +
-                QStringLiteral("\" must be \"system\", \"user\", \"assistant\" or \"tool\"."),
-            json.field(QStringLiteral("role")));
+        json.refuse(QStringLiteral("role"),
+                    QStringLiteral("must be \"system\", \"user\", \"assistant\" or \"tool\"."));
 
     if (const auto calls = json.optionalArray(QStringLiteral("tool_calls"))) {
         if (message.role != u"assistant")
@@ -72,17 +59,13 @@ ChatCompletionRequest::Message readMessage(const RequestJson& json) {
 
     const auto content = json.json().value(QStringLiteral("content"));
     if (content.isUndefined())
-        throw ApiException::invalidRequest(QStringLiteral("\"") +
-                                               json.field(QStringLiteral("content")) +
-                                               QStringLiteral("\" is required."),
-                                           json.field(QStringLiteral("content")));
+        json.refuse(QStringLiteral("content"), QStringLiteral("is required."));
     if (content.isNull()) {
         // Only an assistant turn that called tools has no text.
         if (message.role != u"assistant" || !message.toolCalls)
-            throw ApiException::invalidRequest(
-                QStringLiteral("\"") + json.field(QStringLiteral("content")) +
-                    QStringLiteral("\" may be null only in an assistant message with tool calls."),
-                json.field(QStringLiteral("content")));
+            json.refuse(
+                QStringLiteral("content"),
+                QStringLiteral("may be null only in an assistant message with tool calls."));
     } else {
         message.content = json.string(QStringLiteral("content"));
     }
@@ -100,23 +83,14 @@ ChatCompletionRequest::Message readMessage(const RequestJson& json) {
 
 void checkTool(const RequestJson& json) {
     if (json.string(QStringLiteral("type")) != u"function")
-        throw ApiException::invalidRequest(QStringLiteral("\"") +
-                                               json.field(QStringLiteral("type")) +
-                                               QStringLiteral("\" must be \"function\"."),
-                                           json.field(QStringLiteral("type")));
+        json.refuse(QStringLiteral("type"), QStringLiteral("must be \"function\"."));
     const auto function = json.optionalObject(QStringLiteral("function"));
     if (!function)
-        throw ApiException::invalidRequest(QStringLiteral("\"") +
-                                               json.field(QStringLiteral("function")) +
-                                               QStringLiteral("\" is required."),
-                                           json.field(QStringLiteral("function")));
+        json.refuse(QStringLiteral("function"), QStringLiteral("is required."));
     const RequestJson functionJson(*function, json.field(QStringLiteral("function")));
     const auto name = functionJson.string(QStringLiteral("name"));
     if (name.isEmpty() || name.toUtf8().size() > 64)
-        throw ApiException::invalidRequest(QStringLiteral("\"") +
-                                               functionJson.field(QStringLiteral("name")) +
-                                               QStringLiteral("\" must be 1 to 64 bytes."),
-                                           functionJson.field(QStringLiteral("name")));
+        functionJson.refuse(QStringLiteral("name"), QStringLiteral("must be 1 to 64 bytes."));
 }
 
 } // namespace

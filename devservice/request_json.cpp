@@ -28,10 +28,7 @@ QString RequestJson::field(const QString& key) const {
 }
 
 void RequestJson::wrongType(const QString& key, const char* expected) const {
-    throw ApiException::invalidRequest(QStringLiteral("\"") + field(key) +
-                                           QStringLiteral("\" must be ") +
-                                           QString::fromLatin1(expected) + u'.',
-                                       field(key));
+    refuse(key, QStringLiteral("must be ") + QString::fromLatin1(expected) + u'.');
 }
 
 void RequestJson::rejectUnknownKeys(const QStringList& allowed) const {
@@ -114,6 +111,11 @@ QJsonArray RequestJson::array(const QString& key) const {
         throw ApiException::invalidRequest(
             QStringLiteral("\"") + field(key) + QStringLiteral("\" is required."), field(key));
     return *value;
+}
+
+void RequestJson::refuse(const QString& key, const QString& rule) const {
+    throw ApiException::invalidRequest(u'"' + field(key) + QStringLiteral("\" ") + rule,
+                                       field(key));
 }
 
 } // namespace kestrolan::devservice

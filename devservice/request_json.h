@@ -30,6 +30,8 @@ public:
     const QJsonObject& json() const { return m_object; }
     // "messages[2].content" style name of a field of this object.
     QString field(const QString& key) const;
+    // Refuses the request over this field: "\"FIELD\" RULE", with the field as "param".
+    [[noreturn]] void refuse(const QString& key, const QString& rule) const;
 
 private:
     [[noreturn]] void wrongType(const QString& key, const char* expected) const;
