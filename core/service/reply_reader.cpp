@@ -5,7 +5,6 @@
 
 #include <array>
 #include <coroutine>
-#include <memory>
 
 namespace kestrolan {
 
@@ -17,23 +16,16 @@ bool isTransportFailure(QNetworkReply::NetworkError error) {
            (error < 200 || error == QNetworkReply::ProtocolFailure);
 }
 
-// Resumes the reader when the reply has news: bytes, its end or an error. With Qt 6.4 a
-// connection that the server drops mid-body is, rarely (about once in 500 here), never reported
-// to the waiting thread; the heartbeat makes the reader look again, so the cut is seen at once
-// instead of after the transfer time-out.
+// Resumes the reader when the reply has news: bytes, its end or an error.
 class ReplyActivity {
 public:
-    static constexpr auto heartbeat = std::chrono::milliseconds(250);
-
     explicit ReplyActivity(QNetworkReply* reply)
-        : m_reply(reply)
-        , m_heartbeat(std::make_shared<QTimer>()) {}
+        : m_reply(reply) {}
 
     bool await_ready() const { return m_reply->bytesAvailable() > 0 || m_reply->isFinished(); }
 
     void await_suspend(std::coroutine_handle<> reader) {
         const auto wake = [this, reader] {
-            m_heartbeat->stop();
             for (const auto& connection : m_connections)
                 QObject::disconnect(connection);
             reader.resume();
@@ -42,18 +34,14 @@ public:
             QObject::connect(m_reply, &QNetworkReply::readyRead, m_reply, wake),
             QObject::connect(m_reply, &QNetworkReply::finished, m_reply, wake),
             QObject::connect(m_reply, &QNetworkReply::errorOccurred, m_reply, wake),
-            QObject::connect(m_heartbeat.get(), &QTimer::timeout, m_reply, wake),
         };
-        m_heartbeat->setSingleShot(true);
-        m_heartbeat->start(heartbeat);
     }
 
     void await_resume() const noexcept {}
 
 private:
     QNetworkReply* m_reply;
-    std::shared_ptr<QTimer> m_heartbeat; // the awaiter may be copied before it suspends
-    std::array<QMetaObject::Connection, 4> m_connections;
+    std::array<QMetaObject::Connection, 3> m_connections;
 };
 
 } // namespace
