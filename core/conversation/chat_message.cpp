@@ -1,32 +1,29 @@
 #include "conversation/chat_message.h"
 
+#include "support/enum_names.h"
 #include "support/json_reader.h"
 
 #include <QJsonArray>
 
 namespace kestrolan {
 
+namespace {
+
+constexpr EnumNames roleNames{std::array{
+    std::pair{ChatMessage::Role::system, u"system"},
+    std::pair{ChatMessage::Role::user, u"user"},
+    std::pair{ChatMessage::Role::assistant, u"assistant"},
+    std::pair{ChatMessage::Role::tool, u"tool"},
+}};
+
+} // namespace
+
 QString ChatMessage::toString(Role role) {
-    switch (role) {
-    case Role::system:
-        return QStringLiteral("system");
-    case Role::user:
-        return QStringLiteral("user");
-    case Role::assistant:
-        return QStringLiteral("assistant");
-    case Role::tool:
-        return QStringLiteral("tool");
-    }
-    Q_UNREACHABLE();
-    return {};
+    return roleNames.name(role);
 }
 
 std::optional<ChatMessage::Role> ChatMessage::roleFromString(QStringView text) {
-    for (const auto role : {Role::system, Role::user, Role::assistant, Role::tool}) {
-        if (toString(role) == text)
-            return role;
-    }
-    return std::nullopt;
+    return roleNames.value(text);
 }
 
 QJsonObject ChatMessage::toJson() const {

@@ -10,14 +10,6 @@
 
 namespace kestrolan {
 
-namespace {
-
-[[noreturn]] void refuse() {
-    throw ClientError(ClientError::Kind::invalidResponse);
-}
-
-} // namespace
-
 std::optional<QDateTime> SavedChatSummary::parseDate(const QString& text) {
     // Calendar date, time with optional fraction, optional zone. Checked first so that the
     // looser forms Qt also reads (week dates, times alone) are not taken for dates.
@@ -51,10 +43,10 @@ SavedChatSummary SavedChatSummary::fromJson(const QJsonObject& object) {
         const auto id = uuidFromText(reader.string(u"id"));
         const auto updatedAt = parseDate(reader.string(u"updated_at"));
         if (!id || !updatedAt)
-            refuse();
+            ClientError::refuse();
         return SavedChatSummary{*id, reader.string(u"title"), *updatedAt};
     } catch (const JsonReader::FieldError&) {
-        refuse();
+        ClientError::refuse();
     }
 }
 
@@ -62,7 +54,7 @@ SavedChatSummary SavedChatSummary::decode(const QByteArray& body) {
     QJsonParseError error;
     const auto document = QJsonDocument::fromJson(body, &error);
     if (error.error != QJsonParseError::NoError || !document.isObject())
-        refuse();
+        ClientError::refuse();
     return fromJson(document.object());
 }
 
@@ -70,13 +62,13 @@ QList<SavedChatSummary> SavedChatSummary::decodeList(const QByteArray& body) {
     QJsonParseError error;
     const auto document = QJsonDocument::fromJson(body, &error);
     if (error.error != QJsonParseError::NoError || !document.isArray())
-        refuse();
+        ClientError::refuse();
     const auto array = document.array();
     QList<SavedChatSummary> summaries;
     summaries.reserve(array.size());
     for (const auto& entry : array) {
         if (!entry.isObject())
-            refuse();
+            ClientError::refuse();
         summaries.append(fromJson(entry.toObject()));
     }
     return summaries;

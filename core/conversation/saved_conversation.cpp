@@ -1,6 +1,7 @@
 #include "conversation/saved_conversation.h"
 
 #include "service/client_error.h"
+#include "support/enum_names.h"
 #include "tools/text_attachments.h"
 #include "tools/tool_operation.h"
 #include "tools/tool_result.h"
@@ -11,10 +12,6 @@
 namespace kestrolan {
 
 namespace {
-
-[[noreturn]] void refuse() {
-    throw ClientError(ClientError::Kind::invalidResponse);
-}
 
 bool hasAny(const auto& optionalList) {
     return optionalList && !optionalList->isEmpty();
@@ -36,47 +33,44 @@ void closeUnanswered(const ChatMessage* asked, const QSet<QString>& answered,
 
 } // namespace
 
+namespace {
+
+constexpr EnumNames replyStateNames{std::array{
+    std::pair{SavedConversation::Reply::State::complete, u"complete"},
+    std::pair{SavedConversation::Reply::State::error, u"error"},
+    std::pair{SavedConversation::Reply::State::stopped, u"stopped"},
+}};
+
+} // namespace
+
 QString SavedConversation::Reply::toString(State state) {
-    switch (state) {
-    case State::complete:
-        return QStringLiteral("complete");
-    case State::error:
-        return QStringLiteral("error");
-    case State::stopped:
-        return QStringLiteral("stopped");
-    }
-    Q_UNREACHABLE();
-    return {};
+    return replyStateNames.name(state);
 }
 
 std::optional<SavedConversation::Reply::State>
 SavedConversation::Reply::stateFromString(QStringView text) {
-    for (const auto state : {State::complete, State::error, State::stopped}) {
-        if (toString(state) == text)
-            return state;
-    }
-    return std::nullopt;
+    return replyStateNames.value(text);
 }
 
 void SavedConversation::validate() const {
     if (version && *version != 1 && *version != 2)
-        refuse();
+        ClientError::refuse();
     if (turns.size() > maxTurns)
-        refuse();
+        ClientError::refuse();
     if (encoded().size() > maxEncodedBytes)
-        refuse();
+        ClientError::refuse();
     const bool current = version == currentVersion;
     for (const auto& turn : turns) {
         if (turn.attachments && !TextAttachments::withinLimits(*turn.attachments))
-            refuse();
+            ClientError::refuse();
         const bool attached = hasAny(turn.attachments);
         if (turn.user.trimmed().isEmpty() && !attached)
-            refuse();
+            ClientError::refuse();
         if (attached && !current)
-            refuse();
+            ClientError::refuse();
         for (const auto& reply : turn.replies) {
             if (hasAny(reply.exchanges) && !current)
-                refuse();
+                ClientError::refuse();
             if (reply.exchanges)
                 completedExchanges(*reply.exchanges);
         }
@@ -85,7 +79,7 @@ void SavedConversation::validate() const {
 
 QList<ChatMessage> SavedConversation::completedExchanges(const QList<ChatMessage>& exchanges) {
     if (exchanges.size() > maxExchangeMessages)
-        refuse();
+        ClientError::refuse();
     QList<ChatMessage> messages;
     messages.reserve(exchanges.size() + maxCallsPerMessage);
     QSet<QString> callIDs;
@@ -97,15 +91,15 @@ QList<ChatMessage> SavedConversation::completedExchanges(const QList<ChatMessage
         if (message.role == ChatMessage::Role::assistant) {
             if (!message.toolCalls || message.toolCalls->isEmpty() ||
                 message.toolCalls->size() > maxCallsPerMessage || message.toolCallID)
-                refuse();
+                ClientError::refuse();
             for (const auto& call : *message.toolCalls) {
                 if (callIDs.contains(call.id))
-                    refuse();
+                    ClientError::refuse();
                 callIDs.insert(call.id);
                 try {
                     ToolOperation operation(call);
                 } catch (const std::exception&) {
-                    refuse();
+                    ClientError::refuse();
                 }
             }
             closeUnanswered(asked, answered, messages);
@@ -114,17 +108,17 @@ QList<ChatMessage> SavedConversation::completedExchanges(const QList<ChatMessage
             answered.clear();
         } else if (message.role == ChatMessage::Role::tool) {
             if (!asked || !message.toolCallID || message.toolCalls)
-                refuse();
+                ClientError::refuse();
             const auto& id = *message.toolCallID;
             const bool askedFor =
                 std::any_of(asked->toolCalls->begin(), asked->toolCalls->end(),
                             [&id](const ToolCall& call) { return call.id == id; });
             if (!askedFor || answered.contains(id))
-                refuse();
+                ClientError::refuse();
             answered.insert(id);
             messages.append(message);
         } else {
-            refuse();
+            ClientError::refuse();
         }
     }
     closeUnanswered(asked, answered, messages);

@@ -2,6 +2,7 @@
 
 #include "scheduling/cron_error.h"
 #include "scheduling/schedule_preset.h"
+#include "support/overloaded.h"
 
 #include <date/tz.h>
 
@@ -112,13 +113,6 @@ QString weekdayName(int day) {
     };
     return names.at(static_cast<size_t>(day));
 }
-
-template <typename... Cases>
-struct Overloaded : Cases... {
-    using Cases::operator()...;
-};
-template <typename... Cases>
-Overloaded(Cases...) -> Overloaded<Cases...>;
 
 } // namespace
 

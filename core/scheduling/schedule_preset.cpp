@@ -1,14 +1,9 @@
 #include "scheduling/schedule_preset.h"
 
+#include "support/overloaded.h"
+
 namespace kestrolan {
 namespace {
-
-template <typename... Cases>
-struct Overloaded : Cases... {
-    using Cases::operator()...;
-};
-template <typename... Cases>
-Overloaded(Cases...) -> Overloaded<Cases...>;
 
 SchedulePreset::Value classify(const CronExpression& cron) {
     const int minute = cron.minute().single();

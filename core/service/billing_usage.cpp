@@ -1,5 +1,6 @@
 #include "service/billing_usage.h"
 
+#include "support/enum_names.h"
 #include "support/json_reader.h"
 
 namespace kestrolan {
@@ -52,25 +53,22 @@ BillingUsage BillingUsage::fromJson(const QJsonObject& object) {
                         reader.optionalString(u"charged_usd"), *state};
 }
 
+namespace {
+
+constexpr EnumNames stateNames{std::array{
+    std::pair{BillingUsage::State::settled, u"settled"},
+    std::pair{BillingUsage::State::unresolved, u"unresolved"},
+    std::pair{BillingUsage::State::released, u"released"},
+}};
+
+} // namespace
+
 QString BillingUsage::toString(State state) {
-    switch (state) {
-    case State::settled:
-        return QStringLiteral("settled");
-    case State::unresolved:
-        return QStringLiteral("unresolved");
-    case State::released:
-        return QStringLiteral("released");
-    }
-    Q_UNREACHABLE();
-    return {};
+    return stateNames.name(state);
 }
 
 std::optional<BillingUsage::State> BillingUsage::stateFromString(QStringView text) {
-    for (const auto state : {State::settled, State::unresolved, State::released}) {
-        if (text == toString(state))
-            return state;
-    }
-    return std::nullopt;
+    return stateNames.value(text);
 }
 
 } // namespace kestrolan

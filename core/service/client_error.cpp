@@ -18,6 +18,10 @@ ClientError ClientError::http(int status) {
     return ClientError(Kind::http, status);
 }
 
+void ClientError::refuse(Kind kind) {
+    throw ClientError(kind);
+}
+
 QString ClientError::describe(Kind kind, qint64 status) {
     switch (kind) {
     case Kind::keychain:

@@ -28,6 +28,8 @@ public:
     explicit ClientError(Kind kind);
     static ClientError keychain(qint32 osStatus);
     static ClientError http(int status);
+    // Decoders give up on input they cannot read through this one path.
+    [[noreturn]] static void refuse(Kind kind = Kind::invalidResponse);
 
     Kind kind() const { return m_kind; }
     // The OS status of `keychain` or the HTTP status of `http`; 0 otherwise.

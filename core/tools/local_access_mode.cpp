@@ -1,29 +1,26 @@
 #include "tools/local_access_mode.h"
 
+#include "support/enum_names.h"
+
 namespace kestrolan {
 
+namespace {
+
+constexpr EnumNames modeNames{std::array{
+    std::pair{LocalAccessMode::off, u"off"},
+    std::pair{LocalAccessMode::askEveryTime, u"askEveryTime"},
+    std::pair{LocalAccessMode::readOnlyWorkspace, u"readOnlyWorkspace"},
+    std::pair{LocalAccessMode::fullAccess, u"fullAccess"},
+}};
+
+} // namespace
+
 QString toString(LocalAccessMode mode) {
-    switch (mode) {
-    case LocalAccessMode::off:
-        return QStringLiteral("off");
-    case LocalAccessMode::askEveryTime:
-        return QStringLiteral("askEveryTime");
-    case LocalAccessMode::readOnlyWorkspace:
-        return QStringLiteral("readOnlyWorkspace");
-    case LocalAccessMode::fullAccess:
-        return QStringLiteral("fullAccess");
-    }
-    Q_UNREACHABLE();
-    return {};
+    return modeNames.name(mode);
 }
 
 std::optional<LocalAccessMode> localAccessModeFromString(QStringView text) {
-    for (const auto mode : {LocalAccessMode::off, LocalAccessMode::askEveryTime,
-                            LocalAccessMode::readOnlyWorkspace, LocalAccessMode::fullAccess}) {
-        if (toString(mode) == text)
-            return mode;
-    }
-    return std::nullopt;
+    return modeNames.value(text);
 }
 
 } // namespace kestrolan

@@ -1,5 +1,7 @@
 #include "tools/shell_outcome.h"
 
+#include "support/json_text.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTextBoundaryFinder>
@@ -8,18 +10,13 @@ namespace kestrolan {
 
 namespace {
 
-QByteArray jsonString(const QString& text) {
-    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
-    return array.sliced(1, array.size() - 2);
-}
-
 QByteArray literal(bool value) {
     return value ? QByteArrayLiteral("true") : QByteArrayLiteral("false");
 }
 
 // Keys in their fixed order, which a sorting encoder would not keep.
 QByteArray encode(const QString& output, qint32 exitStatus, bool truncated, bool timedOut) {
-    return QByteArrayLiteral("{\"output\":") + jsonString(output) +
+    return QByteArrayLiteral("{\"output\":") + jsonStringLiteral(output) +
            QByteArrayLiteral(",\"exit_status\":") + QByteArray::number(exitStatus) +
            QByteArrayLiteral(",\"truncated\":") + literal(truncated) +
            QByteArrayLiteral(",\"timed_out\":") + literal(timedOut) +
@@ -28,11 +25,8 @@ QByteArray encode(const QString& output, qint32 exitStatus, bool truncated, bool
 
 // The first half of the user-perceived characters, so that no character is split.
 QString firstHalf(const QString& text) {
+    const qsizetype characters = graphemeCount(text);
     QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
-    qsizetype characters = 0;
-    while (finder.toNextBoundary() != -1)
-        ++characters;
-    finder.toStart();
     for (qsizetype i = 0; i < characters / 2; ++i)
         finder.toNextBoundary();
     return text.first(finder.position());

@@ -67,7 +67,9 @@ const ToolDefinition& tool(QStringView name) {
     const auto found = std::find_if(tools.begin(), tools.end(), [name](const auto& tool) {
         return tool.function.name == name;
     });
-    Q_ASSERT(found != tools.end());
+    // Names come from this file only; a typo must stop the program, not read past the list.
+    if (found == tools.end())
+        qFatal("ToolDefinition: unknown tool name");
     return *found;
 }
 

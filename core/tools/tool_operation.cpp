@@ -1,5 +1,6 @@
 #include "tools/tool_operation.h"
 
+#include "support/json_text.h"
 #include "tools/argument_decoding_error.h"
 #include "tools/harness_error.h"
 #include "tools/tool_definition.h"
@@ -7,7 +8,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSet>
-#include <QTextBoundaryFinder>
 #include <cmath>
 
 namespace kestrolan {
@@ -24,15 +24,6 @@ qsizetype utf8Size(const QString& text) {
 
 bool hasNul(const QString& text) {
     return text.contains(QChar(u'\0'));
-}
-
-// Characters as a reader counts them: grapheme clusters, not code units.
-qsizetype characterCount(const QString& text) {
-    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
-    qsizetype count = 0;
-    while (finder.toNextBoundary() != -1)
-        ++count;
-    return count;
 }
 
 // The raw argument object: every key present (null values included), then each known key
@@ -186,7 +177,7 @@ ToolOperation::Payload decode(const ToolCall& call) {
             if (arguments.expectedHash)
                 refuse();
         } else if (!arguments.expectedHash ||
-                   characterCount(*arguments.expectedHash) != ToolOperation::hashCharacters) {
+                   graphemeCount(*arguments.expectedHash) != ToolOperation::hashCharacters) {
             refuse();
         }
         return ToolOperation::EditFile{*arguments.path, arguments.expectedHash, *arguments.content,

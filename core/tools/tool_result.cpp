@@ -1,22 +1,13 @@
 #include "tools/tool_result.h"
 
 #include "error.h"
+#include "support/json_text.h"
 #include "tools/harness_error.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 
 namespace kestrolan {
-
-namespace {
-
-// One string as a JSON literal, quotes and escapes included.
-QString jsonString(const QString& text) {
-    const auto array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
-    return QString::fromUtf8(array.mid(1, array.size() - 2));
-}
-
-} // namespace
 
 QString ToolResult::success(const QJsonObject& object) {
     // QJsonObject keeps its keys sorted, so the compact text is in key order.
@@ -46,7 +37,8 @@ QString ToolResult::failure(const std::exception& error) {
     if (!message.isValidUtf16())
         return unencodable();
     // A QJsonObject would sort "message" first; the status leads.
-    return u"{\"status\":" + jsonString(status) + u",\"message\":" + jsonString(message) + u'}';
+    return QString::fromUtf8("{\"status\":" + jsonStringLiteral(status) +
+                             ",\"message\":" + jsonStringLiteral(message) + '}');
 }
 
 QString ToolResult::cancelled() {
