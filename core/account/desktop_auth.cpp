@@ -58,8 +58,12 @@ QCoro::Task<void> DesktopAuth::handleCallback(QUrl url, QString deviceName) {
         m_pending.reset(); // a code is used once
         const auto exchanged =
             co_await m_client.exchangeCode(code, attempt.verifier, std::move(deviceName));
-        if (generation != m_generation)
-            co_return; // cancelled, superseded or revoked meanwhile: the token is dropped
+        if (generation != m_generation) {
+            // Cancelled, superseded or revoked meanwhile: the token is dropped, and revoked so
+            // that it does not stay valid unused.
+            co_await m_client.revoke(exchanged.token);
+            co_return;
+        }
         co_await m_client.installToken(exchanged.token);
         identity = exchanged.account;
     } catch (...) {

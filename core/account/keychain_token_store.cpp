@@ -43,6 +43,9 @@ QCoro::Task<void> KeychainTokenStore::remove() {
 
 QCoro::Task<bool> KeychainTokenStore::removeIfMatching(QString token) {
     const auto turn = co_await m_gate.enter();
+    // Past the cache: another process sharing the entry (kestrolan-cli, the app) may have
+    // stored a newer token since, which a stale 401 must not remove.
+    m_isCached = false;
     const auto current = co_await readLocked();
     if (current != token)
         co_return false;

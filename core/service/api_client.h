@@ -21,6 +21,7 @@ namespace kestrolan {
 struct ChatRequest;
 struct SavedChatSummary;
 struct SavedConversation;
+struct WebSearchResponse;
 class TokenStore;
 
 // The one client of the hosted service. Lives on the main thread; every operation suspends
@@ -59,10 +60,18 @@ public:
     // --- authorization ---
     quint64 authorizationEpoch() const { return m_authorizationEpoch; }
     QCoro::Task<bool> restoreAuthorization();
+    // Stores a newly obtained token and starts using it. The token it replaces is then revoked
+    // on the service; a token that cannot be stored is revoked at once and the store's error
+    // rethrown, so that no token stays valid with nobody holding it. Revocations are best
+    // effort: their failures are logged, never thrown.
     QCoro::Task<void> installToken(QString token);
-    // Revokes the token on the service, then removes it locally whatever the service answered;
-    // a failure of the call is rethrown after the local sign-out.
+    // Revokes the token on the service, then removes that token locally whatever the service
+    // answered; a failure of the call is rethrown after the local sign-out. A sign-in completed
+    // meanwhile is left in place.
     QCoro::Task<void> logout(std::stop_token stop = {});
+    // Best effort: asks the service to revoke a token this client does not keep (one it could
+    // not store, replaced or dropped), sent as the bearer token without the token store.
+    QCoro::Task<void> revoke(QString token);
     void invalidateAuthorization();
     void advanceAuthorization();
     // `invalidate` runs whenever the credential is revoked or replaced, while `owner` lives.
@@ -98,8 +107,22 @@ public:
     // The catalog is public: fetched without a token.
     QCoro::Task<Catalog> catalog(std::stop_token stop = {});
 
+    // --- web search (api_client_web.cpp) ---
+    // Billed to the account: the answer carries the charge.
+    QCoro::Task<WebSearchResponse> webSearch(QString query, std::stop_token stop = {});
+
 private:
+    // What a suspended operation holds on to: the gate it queues at outlives the client, and on
+    // resuming it learns whether the client still exists (CancellationError if not).
+    struct Lifetime {
+        AsyncGate gate;
+        bool alive = true;
+        void ensureAlive() const;
+    };
+
     QCoro::Task<std::pair<std::optional<QString>, quint64>> readCredential();
+    // data() without the check that the sign-in is still the one the request was made under.
+    QCoro::Task<QByteArray> perform(PreparedRequest prepared, std::stop_token stop);
     QCoro::Task<void> observeStatus(int status, PreparedRequest prepared);
     [[noreturn]] static void fail(int status, const QByteArray& body);
     void checkEpoch(const PreparedRequest& prepared) const;
@@ -115,8 +138,9 @@ private:
     NetworkSession m_session;
     std::vector<RevocationObserver> m_revocationObservers;
     quint64 m_authorizationEpoch = 0;
-    // Serialises credential work: a token is never read half-way through its replacement.
-    AsyncGate m_authorizationGate;
+    // Its gate serialises credential work: a token is never read half-way through its
+    // replacement.
+    std::shared_ptr<Lifetime> m_lifetime;
 };
 
 } // namespace kestrolan

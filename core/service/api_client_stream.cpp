@@ -10,12 +10,20 @@ namespace kestrolan {
 
 namespace {
 
+// Thrown to stop the parser at "[DONE]", so that no byte after it is even parsed.
+struct StreamEnded {};
+
 // Kept out of the coroutine: lambdas in coroutine frames trip GCC 12 and clang-tidy alike.
 void decode(QByteArrayView piece, SSEParser& parser, ChatStreamDecoder& decoder,
             const std::function<void(ChatStreamEvent)>& onEvent) {
-    parser.feed(piece, [&](const SSEEvent& event) {
-        decoder.decode(event, [&](ChatStreamEvent&& decoded) { onEvent(std::move(decoded)); });
-    });
+    try {
+        parser.feed(piece, [&](const SSEEvent& event) {
+            decoder.decode(event, [&](ChatStreamEvent&& decoded) { onEvent(std::move(decoded)); });
+            if (decoder.isDone())
+                throw StreamEnded();
+        });
+    } catch (const StreamEnded&) {
+    }
 }
 
 } // namespace
@@ -23,6 +31,7 @@ void decode(QByteArrayView piece, SSEParser& parser, ChatStreamDecoder& decoder,
 QCoro::Task<void> APIClient::stream(ChatRequest chatRequest,
                                     std::function<void(ChatStreamEvent)> onEvent,
                                     std::stop_token stop) {
+    const auto lifetime = m_lifetime;
     auto prepared =
         co_await request(QStringLiteral("/api/chat"), "POST", chatRequest.encoded(), true);
     prepared.request.setRawHeader("Accept", "text/event-stream");
@@ -32,11 +41,13 @@ QCoro::Task<void> APIClient::stream(ChatRequest chatRequest,
                        m_session.timeouts().total);
 
     auto piece = co_await reader.next();
+    lifetime->ensureAlive();
     const int status = reader.status().value_or(0);
     if (status < 200 || status > 299) {
         QByteArray body = piece.value_or(QByteArray()).left(maxErrorBodyBytes);
         if (piece && body.size() < maxErrorBodyBytes)
             body += co_await reader.readUpTo(maxErrorBodyBytes - body.size());
+        lifetime->ensureAlive();
         co_await observeStatus(status, prepared);
         fail(status, body);
     }
@@ -48,7 +59,11 @@ QCoro::Task<void> APIClient::stream(ChatRequest chatRequest,
     ChatStreamDecoder decoder;
     while (piece) {
         decode(*piece, parser, decoder, onEvent);
+        // "[DONE]" ends the reply: nothing after it is read, so nothing after it is shown.
+        if (decoder.isDone())
+            co_return;
         piece = co_await reader.next();
+        lifetime->ensureAlive();
         // Events of a revoked sign-in are not shown under the next one.
         checkEpoch(prepared);
     }

@@ -15,17 +15,13 @@ namespace dom = simdjson::dom;
 
 namespace {
 
-[[noreturn]] void refuse(ClientError::Kind kind = ClientError::Kind::invalidResponse) {
-    throw ClientError(kind);
-}
-
 // Absent and JSON null both read as absent; any other type than string is refused.
 std::optional<std::string_view> optionalString(dom::element value) {
     if (value.is_null())
         return std::nullopt;
     std::string_view text;
     if (value.get_string().get(text))
-        refuse();
+        ClientError::refuse();
     return text;
 }
 
@@ -35,7 +31,7 @@ std::optional<dom::object> optionalObject(dom::element value) {
         return std::nullopt;
     dom::object object;
     if (value.get_object().get(object))
-        refuse();
+        ClientError::refuse();
     return object;
 }
 
@@ -49,11 +45,11 @@ TokenUsage readUsage(dom::object object) {
             continue;
         uint64_t count = 0;
         if (value.get_uint64().get(count))
-            refuse();
+            ClientError::refuse();
         counts[known - std::begin(keys)] = count;
     }
     if (!counts[0] || !counts[1] || !counts[2])
-        refuse();
+        ClientError::refuse();
     return TokenUsage{*counts[0], *counts[1], *counts[2]};
 }
 
@@ -98,10 +94,10 @@ void ChatStreamDecoder::Json::read(const QByteArray& data) {
 
     dom::element root;
     if (parser.parse(data.constData(), static_cast<size_t>(data.size()), true).get(root))
-        refuse();
+        ClientError::refuse();
     dom::object chunk;
     if (root.get_object().get(chunk))
-        refuse();
+        ClientError::refuse();
     for (const auto [key, value] : chunk) {
         if (key == "object") {
             optionalString(value);
@@ -110,7 +106,7 @@ void ChatStreamDecoder::Json::read(const QByteArray& data) {
                 continue;
             dom::array choices;
             if (value.get_array().get(choices) || choices.size() > 1)
-                refuse();
+                ClientError::refuse();
             for (const dom::element choice : choices)
                 readChoice(choice);
         } else if (key == "usage") {
@@ -123,7 +119,7 @@ void ChatStreamDecoder::Json::read(const QByteArray& data) {
 void ChatStreamDecoder::Json::readChoice(dom::element value) {
     dom::object choice;
     if (value.get_object().get(choice))
-        refuse();
+        ClientError::refuse();
     for (const auto [key, field] : choice) {
         if (key == "delta") {
             if (const auto delta = optionalObject(field))
@@ -134,18 +130,24 @@ void ChatStreamDecoder::Json::readChoice(dom::element value) {
     }
 }
 
+// The delta, its tool calls and their functions are strict: an unknown key, even with a null
+// value, is unreadable. The chunk and the choice around them stay open to additions.
 void ChatStreamDecoder::Json::readDelta(dom::object delta) {
     for (const auto [key, value] : delta) {
         if (key == "content") {
             content = optionalString(value);
         } else if (key == "role") {
             optionalString(value);
-        } else if (key == "tool_calls" && !value.is_null()) {
+        } else if (key == "tool_calls") {
+            if (value.is_null())
+                continue;
             dom::array calls;
             if (value.get_array().get(calls))
-                refuse();
+                ClientError::refuse();
             for (const dom::element call : calls)
                 readCallDelta(call);
+        } else {
+            ClientError::refuse();
         }
     }
 }
@@ -153,14 +155,14 @@ void ChatStreamDecoder::Json::readDelta(dom::object delta) {
 void ChatStreamDecoder::Json::readCallDelta(dom::element value) {
     dom::object object;
     if (value.get_object().get(object))
-        refuse();
+        ClientError::refuse();
     CallDelta delta;
     bool hasIndex = false;
     for (const auto [key, field] : object) {
         if (key == "index") {
             int64_t index = 0;
             if (field.get_int64().get(index))
-                refuse();
+                ClientError::refuse();
             delta.index = index;
             hasIndex = true;
         } else if (key == "id") {
@@ -176,11 +178,15 @@ void ChatStreamDecoder::Json::readCallDelta(dom::element value) {
                     delta.name = optionalString(functionField);
                 else if (functionKey == "arguments")
                     delta.arguments = optionalString(functionField);
+                else
+                    ClientError::refuse();
             }
+        } else {
+            ClientError::refuse();
         }
     }
     if (!hasIndex)
-        refuse();
+        ClientError::refuse();
     deltas.push_back(delta);
 }
 
@@ -192,23 +198,27 @@ ChatStreamDecoder::ChatStreamDecoder(ChatStreamDecoder&&) noexcept = default;
 ChatStreamDecoder& ChatStreamDecoder::operator=(ChatStreamDecoder&&) noexcept = default;
 
 void ChatStreamDecoder::decodeEvent(const SSEEvent& event, SinkThunk sink, void* callable) {
+    // The first "[DONE]" ends the reply. Whatever follows, valid or not, is ignored rather than
+    // failing a reply already reported done: handing tool calls out again would run them twice.
+    if (m_isDone)
+        return;
     if (event.data == "[DONE]") {
         decodeDone(sink, callable);
     } else if (event.event == "error") {
         auto error = APIError::fromErrorOrEnvelope(event.data);
         if (!error)
-            refuse();
+            ClientError::refuse();
         m_streamError = *error;
         throw *error;
     } else if (event.event == "kestrolan.billing") {
         const auto document = QJsonDocument::fromJson(event.data);
         if (!document.isObject())
-            refuse();
+            ClientError::refuse();
         BillingUsage usage;
         try {
             usage = BillingUsage::fromJson(document.object());
         } catch (const JsonReader::FieldError&) {
-            refuse();
+            ClientError::refuse();
         }
         sink(callable, ChatStreamEvent::billing(std::move(usage)));
     } else {
@@ -219,13 +229,13 @@ void ChatStreamDecoder::decodeEvent(const SSEEvent& event, SinkThunk sink, void*
 void ChatStreamDecoder::decodeDone(SinkThunk sink, void* callable) {
     if (m_calls.empty()) {
         if (m_finishReason == "tool_calls")
-            refuse();
+            ClientError::refuse();
         m_isDone = true;
         sink(callable, ChatStreamEvent::done());
         return;
     }
     if (m_finishReason != "tool_calls")
-        refuse(ClientError::Kind::incompleteStream);
+        ClientError::refuse(ClientError::Kind::incompleteStream);
 
     QList<ToolCall> calls;
     calls.reserve(static_cast<qsizetype>(m_calls.size()));
@@ -233,7 +243,7 @@ void ChatStreamDecoder::decodeDone(SinkThunk sink, void* callable) {
     for (const auto& [index, fragment] : m_calls) {
         if (index != expected++ || fragment.id.isEmpty() || fragment.id.size() > maxIDBytes ||
             !(fragment.type.isEmpty() || fragment.type == "function") || fragment.name.isEmpty())
-            refuse();
+            ClientError::refuse();
         calls.append(
             ToolCall{QString::fromUtf8(fragment.id),
                      QStringLiteral("function"),
@@ -252,26 +262,26 @@ void ChatStreamDecoder::decodeChunk(const QByteArray& data, SinkThunk sink, void
     for (const auto& delta : json.deltas) {
         // Empty deltas for ever new indexes would otherwise grow memory within the byte limits.
         if (m_calls.size() >= static_cast<size_t>(maxCalls) && !m_calls.contains(delta.index))
-            refuse(ClientError::Kind::streamTooLarge);
+            ClientError::refuse(ClientError::Kind::streamTooLarge);
         Fragment& fragment = m_calls[delta.index];
         if (delta.id) {
             fragment.id.append(bytes(*delta.id));
             if (fragment.id.size() > maxIDBytes)
-                refuse(ClientError::Kind::streamTooLarge);
+                ClientError::refuse(ClientError::Kind::streamTooLarge);
         }
         if (delta.type)
             fragment.type.append(bytes(*delta.type));
         if (delta.name) {
             fragment.name.append(bytes(*delta.name));
             if (fragment.name.size() > maxNameBytes)
-                refuse(ClientError::Kind::streamTooLarge);
+                ClientError::refuse(ClientError::Kind::streamTooLarge);
         }
         if (delta.arguments) {
             fragment.arguments.append(bytes(*delta.arguments));
             m_argumentBytes += static_cast<qsizetype>(delta.arguments->size());
             if (fragment.arguments.size() > maxCallArgumentBytes ||
                 m_argumentBytes > maxTotalArgumentBytes)
-                refuse(ClientError::Kind::streamTooLarge);
+                ClientError::refuse(ClientError::Kind::streamTooLarge);
         }
     }
     if (json.finishReason)

@@ -20,7 +20,8 @@ namespace kestrolan {
 // them. Failures: ClientError::invalidResponse for data that does not decode or breaks the
 // stream's rules, ClientError::streamTooLarge past a tool-call limit, ClientError::
 // incompleteStream for "[DONE]" while tool calls are pending without the "tool_calls" finish
-// reason, and the server's APIError for an "error" event.
+// reason, and the server's APIError for an "error" event. Once "[DONE]" has been decoded the
+// stream is over: later events yield nothing and never fail.
 class ChatStreamDecoder {
 public:
     // Tool-call limits, in UTF-8 bytes.
@@ -46,6 +47,9 @@ public:
             },
             const_cast<void*>(static_cast<const void*>(std::addressof(sink))));
     }
+
+    // True once "[DONE]" has ended the stream; nothing after it needs reading.
+    bool isDone() const { return m_isDone; }
 
     // Call when the body has ended. Throws the error event the stream carried, if any;
     // otherwise ClientError::incompleteStream unless "[DONE]" arrived and every tool call was

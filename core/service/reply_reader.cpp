@@ -26,22 +26,33 @@ public:
 
     void await_suspend(std::coroutine_handle<> reader) {
         const auto wake = [this, reader] {
-            for (const auto& connection : m_connections)
-                QObject::disconnect(connection);
+            disconnectAll();
             reader.resume();
         };
         m_connections = {
             QObject::connect(m_reply, &QNetworkReply::readyRead, m_reply, wake),
             QObject::connect(m_reply, &QNetworkReply::finished, m_reply, wake),
             QObject::connect(m_reply, &QNetworkReply::errorOccurred, m_reply, wake),
+            // A reply deleted with its network manager (the client is being destroyed) reports
+            // nothing else. Resumed from the event loop, not from inside that destructor.
+            QObject::connect(m_reply, &QObject::destroyed,
+                             [this, reader] {
+                                 disconnectAll();
+                                 QTimer::singleShot(0, [reader] { reader.resume(); });
+                             }),
         };
     }
 
     void await_resume() const noexcept {}
 
 private:
+    void disconnectAll() {
+        for (const auto& connection : m_connections)
+            QObject::disconnect(connection);
+    }
+
     QNetworkReply* m_reply;
-    std::array<QMetaObject::Connection, 3> m_connections;
+    std::array<QMetaObject::Connection, 4> m_connections;
 };
 
 } // namespace

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "account/token_store.h"
+#include "service/client_error.h"
 
 #include <QCoroTimer>
 #include <chrono>
@@ -26,6 +27,10 @@ public:
     }
     QCoro::Task<void> write(QString token) override {
         co_await pause();
+        if (refuseWrites) {
+            log.append(QStringLiteral("refused write ") + token);
+            throw ClientError::keychain(*refuseWrites);
+        }
         log.append(QStringLiteral("write ") + token);
         m_token = std::move(token);
     }
@@ -47,6 +52,9 @@ public:
     const std::optional<QString>& token() const { return m_token; }
 
     std::chrono::milliseconds delay{0};
+    // When set, every write fails with the keychain error of this status, as a locked keyring
+    // refuses writes.
+    std::optional<qint32> refuseWrites;
     QStringList log;
     int removals = 0;
 

@@ -232,11 +232,72 @@ TEST(DesktopAuth, AnExchangeFinishingAfterACancelOrANewerAttemptInstallsNothing)
 
         EXPECT_EQ(f.tokens->token(), std::nullopt) << newerAttempt;
         EXPECT_FALSE(f.tokens->log.contains(QStringLiteral("write late-token")));
+        // The dropped token is revoked rather than left valid on the service.
+        const auto requests = f.server.requests();
+        ASSERT_EQ(requests.size(), 2);
+        EXPECT_EQ(requests[1].target, "/api/logout");
+        EXPECT_EQ(requests[1].header("authorization"), "Bearer late-token");
         EXPECT_FALSE(f.auth.isSignedIn());
         EXPECT_EQ(f.auth.credentialRevision(), 0);
         EXPECT_EQ(f.auth.isSigningIn(), newerAttempt);
         EXPECT_EQ(f.auth.errorMessage(), std::nullopt);
     }
+}
+
+TEST(DesktopAuth, ATokenThatCannotBeKeptIsRevokedAtOnce) {
+    Fixture f;
+    f.tokens->refuseWrites = 9; // the keyring refused the write
+    f.server.enqueue(tokenResponse("unkept-token"));
+    f.server.enqueue(TestResponse::json(204, {}));
+
+    f.handle(f.callback(u"code=c&state=" + Fixture::stateOf(f.auth.beginSignIn())));
+    EXPECT_EQ(f.auth.errorMessage(), u"The sign-in token could not be accessed in Keychain.");
+    EXPECT_FALSE(f.auth.isSignedIn());
+    EXPECT_FALSE(f.auth.isSigningIn());
+    EXPECT_EQ(f.client.authorizationEpoch(), 0u);
+
+    const auto requests = f.server.requests();
+    ASSERT_EQ(requests.size(), 2);
+    EXPECT_EQ(requests[1].method, "POST");
+    EXPECT_EQ(requests[1].target, "/api/logout");
+    EXPECT_EQ(requests[1].header("authorization"), "Bearer unkept-token");
+}
+
+TEST(DesktopAuth, SigningInAgainRevokesThePreviousTokenOnceTheNewOneIsKept) {
+    Fixture f;
+    f.server.enqueue(tokenResponse("token-1"));
+    f.handle(f.callback(u"code=c&state=" + Fixture::stateOf(f.auth.beginSignIn())));
+    ASSERT_TRUE(f.auth.isSignedIn());
+    EXPECT_EQ(f.server.requestCount(), 1); // nothing to revoke yet
+
+    Latch latch;
+    auto revoked = TestResponse::json(204, {});
+    latch.hold(revoked);
+    f.server.enqueue(tokenResponse("token-2"));
+    f.server.enqueue(revoked);
+    auto second =
+        f.auth.handleCallback(f.callback(u"code=c&state=" + Fixture::stateOf(f.auth.beginSignIn())),
+                              QStringLiteral("workstation"));
+    runUntil([&] { return f.server.requestCount() == 3; });
+    EXPECT_EQ(f.tokens->token(), u"token-2"); // kept before the old one is revoked
+    latch.release();
+    runTask(std::move(second));
+    EXPECT_TRUE(f.auth.isSignedIn());
+    EXPECT_EQ(f.auth.credentialRevision(), 2);
+    auto requests = f.server.requests();
+    EXPECT_EQ(requests[2].target, "/api/logout");
+    EXPECT_EQ(requests[2].header("authorization"), "Bearer token-1");
+
+    // A revocation that fails does not fail the sign-in.
+    f.server.enqueue(tokenResponse("token-3"));
+    f.server.enqueue(TestResponse::json(500, R"({"error":{"message":"Service unavailable."}})"));
+    f.handle(f.callback(u"code=c&state=" + Fixture::stateOf(f.auth.beginSignIn())));
+    EXPECT_TRUE(f.auth.isSignedIn());
+    EXPECT_EQ(f.auth.errorMessage(), std::nullopt);
+    EXPECT_EQ(f.tokens->token(), u"token-3");
+    requests = f.server.requests();
+    ASSERT_EQ(requests.size(), 5);
+    EXPECT_EQ(requests[4].header("authorization"), "Bearer token-2");
 }
 
 TEST(DesktopAuth, ACallbackAfterACancelFindsNoAttempt) {

@@ -85,6 +85,18 @@ TEST_F(KeychainTokenStoreTest, RemovesOnlyTheTokenItWasAskedAbout) {
     EXPECT_FALSE(runTask(tokens->removeIfMatching(QStringLiteral("new"))));
 }
 
+TEST_F(KeychainTokenStoreTest, NeverRemovesATokenAnotherProcessStoredSince) {
+    // The app and kestrolan-cli share the entry: the app's cache may hold a token the other
+    // replaced, and a late 401 for that token must not sign the new one out.
+    auto app = store(local());
+    auto cli = store(local());
+    runTask(app->write(QStringLiteral("token-1")));
+    runTask(cli->write(QStringLiteral("token-2")));
+    EXPECT_FALSE(runTask(app->removeIfMatching(QStringLiteral("token-1"))));
+    EXPECT_EQ(entry(app->account()), u"token-2");
+    EXPECT_EQ(runTask(app->read()), u"token-2");
+}
+
 TEST_F(KeychainTokenStoreTest, MovesTheLegacyEntryOnlyOnTheProductionOrigin) {
     putEntry(legacy, QStringLiteral("legacy-token"));
 

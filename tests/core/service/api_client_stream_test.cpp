@@ -115,6 +115,27 @@ TEST(APIClientStream, AnEarlyEndKeepsWhatWasShown) {
     EXPECT_EQ(g.events.last().kind(), ChatStreamEvent::Kind::billing);
 }
 
+TEST(APIClientStream, EndsAtTheFirstDoneWithoutReadingOn) {
+    StreamFixture f;
+    // The client waits far longer than the test may run for the rest of the body: only a stream
+    // that ends at "[DONE]" returns.
+    f.client.session().setTimeouts({.transfer = 600s, .total = 600s});
+    const QByteArray first = kReply + "data: [DONE]\n\n" +
+                             "data: {\"choices\":[{\"delta\":{\"content\":\"late\"}}]}\n\n" +
+                             "event: kestrolan.billing\ndata: {\"state\":\"released\"}\n\n" +
+                             "data: \xff\xfe\n\n";
+    auto response = TestResponse::eventStream(first + "data: [DONE]\n\n");
+    response.pieceSize = first.size();
+    response.pieceDelay = 600s;
+    f.server.enqueue(response);
+
+    EXPECT_EQ(f.run(), QString());
+    EXPECT_EQ(f.text(), u"Hello");
+    ASSERT_EQ(f.events.size(), 6);
+    EXPECT_EQ(std::get<BillingUsage>(f.events[4].value).summary(), u"Charged $0.000031");
+    EXPECT_EQ(f.events[5], ChatStreamEvent::done());
+}
+
 TEST(APIClientStream, RefusesAnswersThatAreNotEventStreams) {
     StreamFixture f;
     f.server.enqueue(TestResponse::json(200, R"({"choices":[]})"));

@@ -9,6 +9,7 @@
 #include <QTcpServer>
 #include <future>
 #include <gtest/gtest.h>
+#include <stdexcept>
 
 using namespace kestrolan;
 using namespace kestrolan::test;
@@ -229,7 +230,9 @@ TEST(APIClient, TheGateSerialisesCredentialWorkInArrivalOrder) {
     runTask(std::move(request));
     runTask(std::move(reinstall));
 
-    EXPECT_EQ(f.tokens->log, (QStringList{QStringLiteral("write fresh"), QStringLiteral("read"),
+    // Each install reads the token it replaces first, to revoke it.
+    EXPECT_EQ(f.tokens->log, (QStringList{QStringLiteral("read"), QStringLiteral("write fresh"),
+                                          QStringLiteral("read"), QStringLiteral("read"),
                                           QStringLiteral("write fresher")}));
     EXPECT_EQ(f.server.requests().at(0).header("authorization"), "Bearer fresh");
     EXPECT_EQ(f.client.authorizationEpoch(), 2u);
@@ -266,6 +269,105 @@ TEST(APIClient, LogoutSignsOutLocallyEvenWhenTheServiceFails) {
     EXPECT_EQ(failure<APIError>(f.client.logout()), u"Service unavailable.");
     EXPECT_FALSE(f.tokens->token().has_value());
     EXPECT_EQ(f.client.authorizationEpoch(), 3u);
+}
+
+TEST(APIClient, LogoutLeavesASignInThatCompletedMeanwhile) {
+    Fixture f;
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    auto held = TestResponse::json(204, {});
+    held.beforeSending = [released] { released.wait(); };
+    f.server.enqueue(held);
+    f.server.setHandler([](const RecordedRequest&) { return TestResponse::json(200, "{}"); });
+
+    auto logout = f.client.logout();
+    runUntil([&] { return f.server.requestCount() == 1; });
+    runTask(f.client.installToken(QStringLiteral("token-2")));
+    release.set_value();
+    runTask(std::move(logout));
+
+    EXPECT_EQ(f.tokens->token(), QStringLiteral("token-2"));
+    EXPECT_EQ(f.client.authorizationEpoch(), 1u);
+    runTask(f.get(QStringLiteral("/api/account")));
+    EXPECT_EQ(f.server.requests().last().header("authorization"), "Bearer token-2");
+}
+
+TEST(APIClient, AnUnauthorizedLogoutSignsOutOnce) {
+    Fixture f;
+    int unauthorized = 0;
+    int invalidated = 0;
+    QObject owner;
+    f.client.setOnUnauthorized([&] { ++unauthorized; });
+    f.client.onAuthorizationInvalidated(&owner, [&] { ++invalidated; });
+    f.server.enqueue(TestResponse::json(401, R"({"error":{"message":"Token revoked."}})"));
+
+    EXPECT_EQ(failure<APIError>(f.client.logout()), u"Token revoked.");
+    EXPECT_FALSE(f.tokens->token().has_value());
+    EXPECT_EQ(f.client.authorizationEpoch(), 1u);
+    EXPECT_EQ(unauthorized, 1);
+    EXPECT_EQ(invalidated, 1);
+}
+
+TEST(APIClient, AThrowingRevocationObserverHidesNothing) {
+    Fixture f;
+    QObject owner;
+    int later = 0;
+    int unauthorized = 0;
+    f.client.onAuthorizationInvalidated(&owner, [] { throw std::runtime_error("observer"); });
+    f.client.onAuthorizationInvalidated(&owner, [&] { ++later; });
+    f.client.setOnUnauthorized([&] { ++unauthorized; });
+    f.server.enqueue(TestResponse::json(401, R"({"error":{"message":"Token revoked."}})"));
+
+    EXPECT_EQ(failure<APIError>(f.get(QStringLiteral("/api/account"))), u"Token revoked.");
+    EXPECT_EQ(later, 1);
+    EXPECT_EQ(unauthorized, 1);
+    EXPECT_FALSE(f.tokens->token().has_value());
+
+    // Nor does a sign-out handler that throws.
+    runTask(f.client.installToken(QStringLiteral("token-2")));
+    f.client.setOnUnauthorized([&] {
+        ++unauthorized;
+        throw std::runtime_error("handler");
+    });
+    f.server.enqueue(TestResponse::json(401, R"({"error":{"message":"Token revoked."}})"));
+    EXPECT_EQ(failure<APIError>(f.get(QStringLiteral("/api/account"))), u"Token revoked.");
+    EXPECT_EQ(unauthorized, 2);
+    EXPECT_EQ(f.client.authorizationEpoch(), 3u);
+}
+
+TEST(APIClient, WorkWaitingOnADestroyedClientEndsCancelled) {
+    TestHttpServer server;
+    const Configuration configuration(server.baseURL());
+    auto tokens = std::make_shared<MemoryTokenStore>(configuration.origin(), QStringLiteral("t"));
+    tokens->delay = 50ms;
+    auto client = std::make_unique<APIClient>(configuration, tokens);
+
+    // The first holds the gate while the store reads; the others queue behind it.
+    auto reading = client->restoreAuthorization();
+    auto installing = client->installToken(QStringLiteral("t2"));
+    auto requesting = [](APIClient& c) -> QCoro::Task<void> {
+        co_await c.request(QStringLiteral("/api/account"), "GET", {}, true);
+    }(*client);
+    client.reset();
+
+    EXPECT_THROW(runTask(std::move(reading)), CancellationError);
+    EXPECT_THROW(runTask(std::move(installing)), CancellationError);
+    EXPECT_THROW(runTask(std::move(requesting)), CancellationError);
+    EXPECT_EQ(tokens->log, QStringList{QStringLiteral("read")});
+    EXPECT_EQ(tokens->token(), QStringLiteral("t"));
+
+    // A request waiting for its answer ends the same way.
+    tokens->delay = 0ms;
+    client = std::make_unique<APIClient>(configuration, tokens);
+    std::promise<void> release;
+    auto held = TestResponse::json(200, "{}");
+    held.beforeSending = [released = release.get_future().share()] { released.wait(); };
+    server.enqueue(held);
+    auto fetching = client->account();
+    runUntil([&] { return server.requestCount() == 1; });
+    client.reset();
+    EXPECT_THROW(runTask(std::move(fetching)), CancellationError);
+    release.set_value();
 }
 
 TEST(APIClient, TransportFailuresAndTimeOuts) {

@@ -220,8 +220,6 @@ TEST(ChatStreamDecoder, EndsOnlyOnAProperDone) {
               Kind::invalidResponse);
     // Calls and their finish reason but no "[DONE]".
     EXPECT_EQ(outcome(oneCall(0) + toolCalls), Kind::incompleteStream);
-    // A call that arrives after "[DONE]" is never handed out, so the stream is not complete.
-    EXPECT_EQ(outcome(content(u"hi"_s) + done + oneCall(0)), Kind::incompleteStream);
 
     // A stream cut off after text: the text stays delivered, the end reports it.
     Stream cut;
@@ -233,6 +231,62 @@ TEST(ChatStreamDecoder, EndsOnlyOnAProperDone) {
     } catch (const ClientError& error) {
         EXPECT_EQ(error.description(), u"The stream ended before completion. Usage may still be "
                                        u"awaiting confirmation.");
+    }
+}
+
+TEST(ChatStreamDecoder, NothingAfterTheFirstDoneReachesTheCaller) {
+    // Handing the calls out twice would run an edit or a command twice.
+    const QByteArray round = oneCall(0) + finishWith(u"tool_calls"_s) + done;
+    const QList<ChatStreamEvent> expected{
+        ChatStreamEvent::finish(u"tool_calls"_s),
+        ChatStreamEvent::toolCalls({call("call_1", "read_file", "{}")}),
+        ChatStreamEvent::done(),
+    };
+    const QByteArray late[] = {
+        done,
+        content(u"late text"_s),
+        oneCall(0, u"call_1"_s) + finishWith(u"tool_calls"_s) + done,
+        oneCall(1, u"call_2"_s) + finishWith(u"tool_calls"_s) + done,
+        "event: kestrolan.billing\ndata: {\"state\":\"released\"}\n\n",
+        "event: error\ndata: {\"message\":\"Too late.\"}\n\n",
+        "data: not json\n\n",
+    };
+    for (const QByteArray& after : late) {
+        Stream stream;
+        EXPECT_EQ(run(stream, round + after), std::nullopt) << after.constData();
+        EXPECT_EQ(stream.events, expected) << after.constData();
+    }
+
+    Stream text;
+    EXPECT_EQ(run(text, content(u"hi"_s) + done + oneCall(0) + done), std::nullopt);
+    EXPECT_EQ(text.events, (QList{ChatStreamEvent::text(u"hi"_s), ChatStreamEvent::done()}));
+}
+
+TEST(ChatStreamDecoder, DeltasAndToolCallsAllowOnlyTheirOwnKeys) {
+    // The chunk and the choice around a delta may carry whatever the service adds.
+    Stream loose;
+    EXPECT_EQ(
+        run(loose, "data: {\"id\":\"c1\",\"object\":\"chat.completion.chunk\",\"created\":1,"
+                   "\"model\":\"m\",\"system_fingerprint\":\"fp\",\"service_tier\":null,"
+                   "\"choices\":[{\"index\":0,\"logprobs\":null,\"native_finish_reason\":null,"
+                   "\"delta\":{\"role\":\"assistant\",\"content\":\"hi\"}}]}\n\n" +
+                       done),
+        std::nullopt);
+    EXPECT_EQ(loose.events, (QList{ChatStreamEvent::text(u"hi"_s), ChatStreamEvent::done()}));
+
+    // Inside the delta, a tool call and its function, an unknown key is unreadable, even null.
+    const char* const strict[] = {
+        R"({"choices":[{"delta":{"content":"a","refusal":null}}]})",
+        R"({"choices":[{"delta":{"reasoning_content":"thinking"}}]})",
+        R"({"choices":[{"delta":{"tool_calls":[{"index":0,"id":"c","extra":1}]}}]})",
+        R"({"choices":[{"delta":{"tool_calls":[{"index":0,"function":{"name":"f","strict":true}}]}}]})",
+    };
+    for (const char* json : strict) {
+        Stream stream;
+        EXPECT_EQ(failure([&] { stream.feed(QByteArray("data: ") + json + "\n\n"); }),
+                  Kind::invalidResponse)
+            << json;
+        EXPECT_TRUE(stream.events.isEmpty()) << json;
     }
 }
 
