@@ -1,6 +1,8 @@
 /* The command handle and one run of a command. */
 #include "kr_command.h"
 
+#include "kr_process_internal.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -21,6 +23,8 @@ struct kr_command {
 
 enum {
     poll_interval_ms = 5,
+    first_stop_check_us = 20,
+    last_stop_check_us = 1000,
     reads_per_round = 8,
     read_size = 4096,
     kill_rounds = 1000,
@@ -54,8 +58,8 @@ static uint64_t now_ms(void) {
     return (uint64_t)now.tv_sec * 1000u + (uint64_t)now.tv_nsec / 1000000u;
 }
 
-static void sleep_ms(long ms) {
-    struct timespec pause = {.tv_sec = 0, .tv_nsec = ms * 1000000L};
+static void sleep_us(long us) {
+    struct timespec pause = {.tv_sec = 0, .tv_nsec = us * 1000L};
     while (nanosleep(&pause, &pause) != 0 && errno == EINTR) {
     }
 }
@@ -67,6 +71,8 @@ static int wait_for(pid_t pid, int* status, int options) {
     } while (result < 0 && errno == EINTR);
     return result == pid ? 0 : errno;
 }
+
+void (*kr_test_before_stop)(void) = NULL;
 
 /* ---- in the child, between fork and exec: async-signal-safe calls only ---- */
 
@@ -129,6 +135,8 @@ _Noreturn static void child_start(int report_fd, int out_fd, int err_fd, const c
 
     if (chdir(cwd) != 0)
         child_fail(report_fd);
+    if (kr_test_before_stop != NULL)
+        kr_test_before_stop();
     /* Wait here until the parent has recorded who we are. */
     raise(SIGSTOP);
     execve(argv[0], argv, envp);
@@ -197,12 +205,48 @@ static int finish(run_state* state, int result) {
 }
 
 /* The child is ours and unreaped, so its id and group id cannot have been reused. */
-static int abandon(run_state* state, pid_t pid) {
+static int end_child(pid_t pid, int* status) {
     kill(-pid, SIGKILL);
     kill(pid, SIGKILL);
+    return wait_for(pid, status, 0);
+}
+
+static int abandon(run_state* state, pid_t pid) {
     int status;
-    wait_for(pid, &status, 0);
+    end_child(pid, &status);
     return finish(state, ESRCH);
+}
+
+typedef enum { child_stopped, child_ended, child_given_up, child_lost } start_outcome;
+
+/* Waits for the child to stop itself before exec. Getting there can take any time (a cwd on a
+ * hung mount), so this polls, and gives up on cancel or at the deadline. */
+static start_outcome await_stop(kr_command* handle, pid_t pid, uint64_t started,
+                                uint32_t timeout_ms, int* status, bool* timed_out) {
+    long pause_us = first_stop_check_us;
+    for (;;) {
+        pid_t result = waitpid(pid, status, WUNTRACED | WNOHANG);
+        if (result == pid)
+            return WIFSTOPPED(*status) ? child_stopped : child_ended;
+        if (result < 0 && errno != EINTR)
+            return child_lost;
+        if (atomic_load(&handle->cancelled))
+            return child_given_up;
+        if (now_ms() - started >= timeout_ms) {
+            *timed_out = true;
+            return child_given_up;
+        }
+        sleep_us(pause_us);
+        pause_us = pause_us * 2 < last_stop_check_us ? pause_us * 2 : last_stop_check_us;
+    }
+}
+
+/* The errno the child sent before it failed, or 0. */
+static int child_error(const run_state* state) {
+    int error = 0;
+    if (read(state->report_read, &error, sizeof error) != sizeof error)
+        return 0;
+    return error;
 }
 
 static int set_nonblocking(int fd) {
@@ -238,6 +282,8 @@ int kr_command_run(kr_command* handle, const char* command, const char* cwd, con
     char* envp[] = {"PATH=/usr/bin:/bin:/usr/sbin:/sbin", "LANG=en_US.UTF-8", tmpdir_entry, NULL};
     char* argv[] = {"/bin/sh", "-c", (char*)command, NULL};
 
+    /* The deadline also covers the start: a child may never get as far as exec. */
+    const uint64_t started = now_ms();
     run_state state = {-1, -1, -1, -1, -1, -1, -1};
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0)
@@ -270,22 +316,38 @@ int kr_command_run(kr_command* handle, const char* command, const char* cwd, con
     close_fd(&state.err_write);
     close_fd(&state.report_write);
 
-    int status = 0;
-    int error = wait_for(pid, &status, WUNTRACED);
-    if (error != 0)
-        return abandon(&state, pid);
-    if (!WIFSTOPPED(status)) {
-        /* It failed before exec and is already reaped: report why. */
-        int child_error = ESRCH;
-        if (read(state.report_read, &child_error, sizeof child_error) != sizeof child_error)
-            child_error = ESRCH;
-        return finish(&state, child_error);
-    }
+    int error;
     if ((error = set_nonblocking(state.out_read)) != 0 ||
         (error = set_nonblocking(state.err_read)) != 0 ||
         (error = set_nonblocking(state.report_read)) != 0) {
         abandon(&state, pid);
         return error;
+    }
+
+    int status = 0;
+    switch (await_stop(handle, pid, started, timeout_ms, &status, out_timed_out)) {
+    case child_stopped:
+        break;
+    case child_ended: {
+        /* It failed before exec and is already reaped: report why. */
+        const int reported = child_error(&state);
+        return finish(&state, reported != 0 ? reported : ESRCH);
+    }
+    case child_given_up: {
+        /* Cancelled or out of time before the shell started: the result a stop in the middle of
+         * the command gives. */
+        if (end_child(pid, &status) != 0)
+            return finish(&state, ESRCH);
+        const int reported = child_error(&state);
+        if (reported != 0) {
+            *out_timed_out = false;
+            return finish(&state, reported);
+        }
+        *out_exit_status = exit_status_of(status);
+        return finish(&state, 0);
+    }
+    case child_lost:
+        return abandon(&state, pid);
     }
 
     kr_process table[KR_PROCESS_TABLE_SIZE];
@@ -304,7 +366,6 @@ int kr_command_run(kr_command* handle, const char* command, const char* cwd, con
         {.fd = state.shell_fd, .events = POLLIN},
     };
     size_t length = 0;
-    const uint64_t started = now_ms();
     for (;;) {
         kr_descendants_discover(table, &count, &overflow);
         bool cancelled = atomic_load(&handle->cancelled) != 0;
@@ -347,13 +408,12 @@ int kr_command_run(kr_command* handle, const char* command, const char* cwd, con
         if (!any)
             break;
         kr_descendants_end(table + 1, count - 1);
-        sleep_ms(1);
+        sleep_us(1000);
     }
 
     /* An exec that failed after the resume: nothing ran. */
-    int exec_error = 0;
-    if (read(state.report_read, &exec_error, sizeof exec_error) == sizeof exec_error &&
-        exec_error != 0) {
+    const int exec_error = child_error(&state);
+    if (exec_error != 0) {
         *out_exit_status = -1;
         return finish(&state, exec_error);
     }

@@ -19,7 +19,7 @@ enum {
     KR_COMMAND_ECANCELED = 89,    /* cancelled before anything was started */
 };
 
-/* Most processes one run tracks, the shell included. */
+/* Most live processes one run tracks at a time, the shell included. */
 #define KR_PROCESS_TABLE_SIZE 256
 
 typedef struct kr_command kr_command;
@@ -36,7 +36,9 @@ void kr_command_destroy(kr_command* handle);
  * environment and /dev/null as its input, and blocks until the shell and every descendant it
  * could see are gone. Standard output and error are collected into `buffer`. A non-null
  * `profile` (sandbox profile) is refused with ENOTSUP: this platform has no such sandbox.
- * Returns 0 or an errno value; the out parameters are reset on entry. */
+ * The deadline runs from the call: a cancel or the deadline that finds the child still short of
+ * starting the shell ends it as it would end the shell. Returns 0 or an errno value; the out
+ * parameters are reset on entry. */
 int kr_command_run(kr_command* handle, const char* command, const char* cwd, const char* tmpdir,
                    const char* profile, uint32_t timeout_ms, char* buffer, size_t capacity,
                    size_t* out_length, int32_t* out_exit_status, bool* out_truncated,
@@ -63,8 +65,9 @@ bool kr_process_alive(const kr_process* process);
 int kr_process_signal(const kr_process* process, int signal);
 
 /* Appends to `table` the children of every tracked process that is still the same, following
- * new entries in the same pass so that grandchildren are found at once. Sets `overflow` when
- * the table is full or one process has KR_PROCESS_TABLE_SIZE children or more. */
+ * new entries in the same pass so that grandchildren are found at once, and drops every entry
+ * but the first whose process has exited or was replaced. Sets `overflow` when the table is full
+ * of live processes or one process has KR_PROCESS_TABLE_SIZE children or more. */
 void kr_descendants_discover(kr_process* table, size_t* count, bool* overflow);
 
 /* SIGKILL to every entry that is still the same, from the last to the first. */

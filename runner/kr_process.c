@@ -244,43 +244,85 @@ void kr_children_list(pid_t pid, long long threads, pid_t* pids, size_t room, si
     closedir(tasks);
 }
 
-static bool tracked(const kr_process* table, size_t count, pid_t pid,
-                    unsigned long long start_time) {
+static bool tracked(const kr_process* table, size_t count, const kr_process* process) {
     for (size_t i = 0; i < count; ++i) {
-        if (table[i].pid == pid && table[i].start_time == start_time)
+        if (table[i].pid == process->pid && table[i].start_time == process->start_time)
             return true;
     }
     return false;
 }
 
+/* Removes the entries marked in `gone`, keeping the order of the rest, and returns where entry
+ * `index` (one that stays) now is. */
+static size_t compact(kr_process* table, size_t* count, bool* gone, size_t index) {
+    size_t kept = 0;
+    size_t moved = index;
+    for (size_t i = 0; i < *count; ++i) {
+        if (i == index)
+            moved = kept;
+        if (gone[i])
+            gone[i] = false;
+        else
+            table[kept++] = table[i];
+    }
+    *count = kept;
+    return moved;
+}
+
+void (*kr_test_children_listed)(kr_process* entry) = NULL;
+
 void kr_descendants_discover(kr_process* table, size_t* count, bool* overflow) {
-    pid_t children[KR_PROCESS_TABLE_SIZE];
+    pid_t listed[KR_PROCESS_TABLE_SIZE];
+    kr_process children[KR_PROCESS_TABLE_SIZE];
+    /* A process that has ended gives its place back, so that a long run of short-lived
+     * programs is not taken for a fork storm. */
+    bool gone[KR_PROCESS_TABLE_SIZE] = {false};
     /* `*count` grows inside the loop, so new entries are scanned in this same pass. */
     for (size_t i = 0; i < *count; ++i) {
         kr_stat parent;
-        if (kr_stat_read(table[i].pid, &parent) != 0 || !matches(&table[i], &parent))
+        if (kr_stat_read(table[i].pid, &parent) != 0 || !matches(&table[i], &parent) ||
+            exited(parent.state)) {
+            /* The first entry stays whatever happens: its owner reaps it. */
+            gone[i] = i > 0;
             continue;
+        }
         size_t found = 0;
         bool many = false;
-        kr_children_list(table[i].pid, parent.threads, children, KR_PROCESS_TABLE_SIZE, &found,
+        kr_children_list(table[i].pid, parent.threads, listed, KR_PROCESS_TABLE_SIZE, &found,
                          &many);
         if (many || found >= KR_PROCESS_TABLE_SIZE)
             *overflow = true;
+        size_t kept = 0;
         for (size_t c = 0; c < found; ++c) {
             kr_stat child;
-            if (children[c] <= 0 || kr_stat_read(children[c], &child) != 0)
+            if (listed[c] <= 0 || kr_stat_read(listed[c], &child) != 0 ||
+                child.ppid != table[i].pid || exited(child.state))
                 continue;
-            if (child.ppid != table[i].pid || tracked(table, *count, children[c], child.start_time))
+            children[kept].pid = listed[c];
+            children[kept].start_time = child.start_time;
+            ++kept;
+        }
+        if (kr_test_children_listed != NULL)
+            kr_test_children_listed(&table[i]);
+        /* The id may have changed hands while the list was read: then these children are a
+         * newcomer's. Still the same now means it was the same all along. */
+        if (kept > 0 && !kr_process_same(&table[i])) {
+            gone[i] = i > 0;
+            continue;
+        }
+        for (size_t c = 0; c < kept; ++c) {
+            if (tracked(table, *count, &children[c]))
                 continue;
+            if (*count >= KR_PROCESS_TABLE_SIZE)
+                i = compact(table, count, gone, i);
             if (*count >= KR_PROCESS_TABLE_SIZE) {
                 *overflow = true;
                 return;
             }
-            table[*count].pid = children[c];
-            table[*count].start_time = child.start_time;
-            ++*count;
+            table[(*count)++] = children[c];
         }
     }
+    compact(table, count, gone, 0);
 }
 
 void kr_descendants_end(const kr_process* table, size_t count) {

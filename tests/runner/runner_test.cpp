@@ -1,5 +1,7 @@
 #include "kr_command.h"
+#include "kr_process_internal.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -8,8 +10,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <functional>
+#include <future>
 #include <gtest/gtest.h>
 #include <memory>
+#include <poll.h>
 #include <sstream>
 #include <string>
 #include <sys/wait.h>
@@ -92,7 +96,9 @@ bool gone(pid_t pid) {
            (text[close + 2] == 'Z' || text[close + 2] == 'X');
 }
 
-bool allGone(const std::vector<pid_t>& pids, std::chrono::milliseconds grace = 500ms) {
+// A process that was sent SIGKILL may still need a moment to die on a busy machine; the grace
+// only bounds how long a real failure takes to show.
+bool allGone(const std::vector<pid_t>& pids, std::chrono::milliseconds grace = 10s) {
     const auto until = std::chrono::steady_clock::now() + grace;
     for (;;) {
         bool all = true;
@@ -155,6 +161,77 @@ private:
 
 std::string uniqueSleep(int whole) {
     return std::to_string(whole) + "." + std::to_string(getpid() % 100000 + 100000);
+}
+
+// Kills and reaps a test's own process group leader, whatever happens in the test.
+struct GroupKiller {
+    pid_t group;
+    ~GroupKiller() {
+        kill(-group, SIGKILL);
+        waitpid(group, nullptr, 0);
+    }
+};
+
+// Where a child that never stops for its parent reports its id before waiting for a signal.
+int neverStopReport = -1;
+
+void neverStop() {
+    const pid_t self = getpid();
+    (void)!write(neverStopReport, &self, sizeof self);
+    for (;;)
+        pause();
+}
+
+// Runs a command whose child never stops before exec, cancelling once the child reports when
+// `cancel` is set. A run that never returns fails the test instead of hanging it.
+RunResult runNeverStopping(Options options, bool cancel) {
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) != 0) {
+        ADD_FAILURE() << "no pipe";
+        return {};
+    }
+    neverStopReport = report[1];
+    kr_test_before_stop = neverStop;
+    auto running = std::async(std::launch::async, [options] { return run("echo ran", options); });
+    pid_t child = 0;
+    const auto readReport = [&](int waitMs) {
+        pollfd ready{report[0], POLLIN, 0};
+        if (child == 0 && poll(&ready, 1, waitMs) == 1 &&
+            read(report[0], &child, sizeof child) != sizeof child)
+            child = 0;
+    };
+    if (cancel) {
+        readReport(20000);
+        kr_command_cancel(options.handle);
+    }
+    if (running.wait_for(20s) != std::future_status::ready) {
+        ADD_FAILURE() << "the run still waits for a child that never stops";
+        readReport(0);
+        if (child > 0)
+            kill(child, SIGKILL);
+    }
+    RunResult result = running.get();
+    kr_test_before_stop = nullptr;
+    readReport(0);
+    // Killed and reaped: it is no child of ours any more.
+    if (child > 0) {
+        const pid_t waited = waitpid(child, nullptr, WNOHANG);
+        const int error = errno;
+        EXPECT_EQ(waited, -1);
+        EXPECT_EQ(error, ECHILD);
+    }
+    close(report[0]);
+    close(report[1]);
+    return result;
+}
+
+// The process whose id the scan is to see taken over after listing its children.
+pid_t replacedAfterListing = 0;
+
+// As if the process had ended and a newcomer with children of its own had taken its id.
+void replaceAfterListing(kr_process* entry) {
+    if (entry->pid == replacedAfterListing)
+        entry->start_time += 1;
 }
 
 } // namespace
@@ -237,7 +314,7 @@ TEST(Runner, EnvironmentIsExactlyThreeEntriesWithBoundedTmpdir) {
 TEST(Runner, InputIsAtEndOfFileAndNoDescriptorIsInherited) {
     const RunResult input = run("cat; echo \"cat=$?\"; read line; echo \"read=$?\"");
     EXPECT_EQ(input.output, "cat=0\nread=1\n");
-    EXPECT_LT(input.elapsed, 2s);
+    EXPECT_FALSE(input.timedOut);
 
     // A descriptor this process left inheritable must still not reach the command.
     const int inheritable = open("/dev/null", O_RDONLY);
@@ -255,7 +332,7 @@ TEST(Runner, DeadlineStopsTheCommandAndKeepsItsOutput) {
     EXPECT_EQ(late.output, "started\n");
     EXPECT_EQ(late.exitStatus, 137);
     EXPECT_GE(late.elapsed, 200ms);
-    EXPECT_LT(late.elapsed, 2s);
+    EXPECT_LT(late.elapsed, 15s); // well before the sleep would have ended
 
     EXPECT_TRUE(run("true", {.timeoutMs = 0}).timedOut);
 }
@@ -266,8 +343,7 @@ TEST(Runner, OutputStopsWhenTheBufferIsFull) {
     EXPECT_TRUE(chatty.truncated);
     EXPECT_FALSE(chatty.timedOut);
     EXPECT_EQ(chatty.output, std::string(kCapacity, 'x'));
-    EXPECT_EQ(chatty.exitStatus, 137);
-    EXPECT_LT(chatty.elapsed, 2s);
+    EXPECT_EQ(chatty.exitStatus, 137); // killed for its output, long before the deadline
 
     const RunResult below = run("head -c 24575 /dev/zero | tr '\\0' y");
     EXPECT_FALSE(below.truncated);
@@ -283,13 +359,14 @@ TEST(Runner, OutputStopsWhenTheBufferIsFull) {
 TEST(Runner, BackgroundChildrenOfAFinishedShellAreKilledAtOnce) {
     SleepSweeper sweeper(uniqueSleep(21));
     const std::string sleep = "sleep " + uniqueSleep(21);
+    // A run that waited for the background sleep would end by its deadline instead.
     // The shell exits within microseconds of starting it, often before any scan saw it.
     for (int i = 0; i < 10; ++i) {
         const RunResult quiet = run(sleep + " &");
         EXPECT_EQ(quiet.exitStatus, 0);
-        EXPECT_LT(quiet.elapsed, 1s);
+        EXPECT_FALSE(quiet.timedOut);
         // Killed, if not always reaped yet: give it the moment dying takes.
-        const auto until = std::chrono::steady_clock::now() + 500ms;
+        const auto until = std::chrono::steady_clock::now() + 10s;
         while (!sweeper.find().empty() && std::chrono::steady_clock::now() < until)
             std::this_thread::sleep_for(2ms);
         EXPECT_TRUE(sweeper.find().empty());
@@ -298,7 +375,7 @@ TEST(Runner, BackgroundChildrenOfAFinishedShellAreKilledAtOnce) {
     const RunResult background = run(sleep + " & echo $!");
     EXPECT_EQ(background.rc, 0);
     EXPECT_EQ(background.exitStatus, 0);
-    EXPECT_LT(background.elapsed, 1s);
+    EXPECT_FALSE(background.timedOut);
     const auto pids = pidsIn(background.output);
     ASSERT_EQ(pids.size(), 1u);
     EXPECT_TRUE(allGone(pids));
@@ -306,7 +383,7 @@ TEST(Runner, BackgroundChildrenOfAFinishedShellAreKilledAtOnce) {
     // Outside the shell's process group only the tracked identity can find it.
     const RunResult detached = run("setsid " + sleep + " & echo $!; sleep 0.1");
     EXPECT_EQ(detached.exitStatus, 0);
-    EXPECT_LT(detached.elapsed, 1s);
+    EXPECT_FALSE(detached.timedOut);
     const auto detachedPids = pidsIn(detached.output);
     ASSERT_EQ(detachedPids.size(), 1u);
     EXPECT_TRUE(allGone(detachedPids));
@@ -316,48 +393,63 @@ TEST(Runner, BackgroundChildrenOfAFinishedShellAreKilledAtOnce) {
 TEST(Runner, GrandchildrenAreKilledOnDeadlineAndCancel) {
     SleepSweeper sweeper(uniqueSleep(22));
     const std::string sleep = "sleep " + uniqueSleep(22);
-    const std::string tree = "sh -c '" + sleep + " & echo $!; setsid " + sleep +
-                             " & echo $!; sh -c \"" + sleep + " & echo \\$!; wait\" & wait' & " +
-                             sleep;
+    char dir[] = "/tmp/kr-tree-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string list = std::string(dir) + "/pids";
+    // A grandchild, one that leaves the process group and a great-grandchild, each listed.
+    const std::string note = " & echo $! >> " + list;
+    const std::string tree = "sh -c '" + sleep + note + "; setsid " + sleep + note + "; sh -c \"" +
+                             sleep + " & echo \\$! >> " + list + "; wait\" & wait' & " + sleep;
+    const auto listed = [&] {
+        const std::string text = slurp(list);
+        return std::count(text.begin(), text.end(), '\n');
+    };
 
-    const RunResult timedOut = run(tree, {.timeoutMs = 300});
+    // Time enough for the tree to stand even on a busy machine.
+    const RunResult timedOut = run(tree, {.timeoutMs = 1500});
     EXPECT_TRUE(timedOut.timedOut);
-    auto pids = pidsIn(timedOut.output);
-    EXPECT_EQ(pids.size(), 3u) << timedOut.output;
+    EXPECT_EQ(timedOut.exitStatus, 137);
+    auto pids = pidsIn(slurp(list));
+    EXPECT_EQ(pids.size(), 3u);
     EXPECT_TRUE(allGone(pids));
+    unlink(list.c_str());
 
     kr_command* handle = kr_command_create();
-    std::thread canceller([handle] {
-        std::this_thread::sleep_for(300ms);
+    std::thread canceller([&] {
+        const auto until = std::chrono::steady_clock::now() + 30s;
+        while (listed() < 3 && std::chrono::steady_clock::now() < until)
+            std::this_thread::sleep_for(2ms);
         kr_command_cancel(handle);
     });
     const RunResult cancelled = run(tree, {.handle = handle});
     canceller.join();
     kr_command_destroy(handle);
     EXPECT_EQ(cancelled.rc, 0);
-    EXPECT_FALSE(cancelled.timedOut);
+    EXPECT_FALSE(cancelled.timedOut); // the sleep outlasts the deadline: only the cancel ends it
     EXPECT_EQ(cancelled.exitStatus, 137);
-    EXPECT_LT(cancelled.elapsed, 2s);
-    pids = pidsIn(cancelled.output);
-    EXPECT_EQ(pids.size(), 3u) << cancelled.output;
+    pids = pidsIn(slurp(list));
+    EXPECT_EQ(pids.size(), 3u);
     EXPECT_TRUE(allGone(pids));
     EXPECT_EQ(sweeper.sweep(), 0);
+    unlink(list.c_str());
+    rmdir(dir);
 }
 
 TEST(Runner, AForkStormOverflowsTheTableAndEveryTrackedProcessDies) {
-    // Bounded: 300 children that leave the process group, each ending by itself. Their ids go
-    // to a file, which the kill cannot cut short as it can the output.
-    SleepSweeper sweeper(uniqueSleep(9));
+    // Bounded: 300 children that leave the process group, each ending by itself, late enough to
+    // be alive all at once however slowly a busy machine starts them. Their ids go to a file,
+    // which the kill cannot cut short as it can the output.
+    SleepSweeper sweeper(uniqueSleep(50));
     char dir[] = "/tmp/kr-storm-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     const std::string list = std::string(dir) + "/pids";
-    const std::string storm = "i=0; while [ $i -lt 300 ]; do setsid sleep " + uniqueSleep(9) +
+    const std::string storm = "i=0; while [ $i -lt 300 ]; do setsid sleep " + uniqueSleep(50) +
                               " & echo $! >> " + list + "; i=$((i+1)); done; wait";
-    const RunResult stormed = run(storm);
+    const RunResult stormed = run(storm, {.timeoutMs = 60000});
     EXPECT_EQ(stormed.rc, 0);
+    // Left alone, the sleeps would end by themselves before the deadline, with status 0.
     EXPECT_EQ(stormed.exitStatus, 137);
     EXPECT_FALSE(stormed.timedOut);
-    EXPECT_LT(stormed.elapsed, 5s);
 
     const std::string text = slurp(list);
     const auto pids = pidsIn(text);
@@ -452,6 +544,134 @@ TEST(Runner, DescendantScanFollowsGrandchildrenInOnePass) {
     EXPECT_TRUE(allGone(pids));
 }
 
+TEST(Runner, ARecycledIdLendsNoChildrenToTheScan) {
+    // child -> grandchild -> great-grandchild, all waiting
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        setpgid(0, 0);
+        if (fork() == 0) {
+            if (fork() == 0) {
+                close(ready[1]);
+                pause();
+                _exit(0);
+            }
+            close(ready[1]);
+            pause();
+            _exit(0);
+        }
+        close(ready[1]);
+        pause();
+        _exit(0);
+    }
+    close(ready[1]);
+    char byte;
+    EXPECT_EQ(read(ready[0], &byte, 1), 0);
+    close(ready[0]);
+    const GroupKiller cleanup{child};
+
+    kr_process table[KR_PROCESS_TABLE_SIZE];
+    size_t count = 1;
+    bool overflow = false;
+    ASSERT_EQ(kr_process_identify(child, &table[0]), 0);
+    kr_descendants_discover(table, &count, &overflow);
+    ASSERT_EQ(count, 3u);
+    const kr_process grandchild = table[1];
+
+    kr_test_children_listed = replaceAfterListing;
+    // The grandchild's id changes hands: its entry goes and its children stay unknown.
+    replacedAfterListing = grandchild.pid;
+    count = 1;
+    kr_descendants_discover(table, &count, &overflow);
+    EXPECT_EQ(count, 1u);
+    // The same for the first entry, which stays: its owner reaps it.
+    replacedAfterListing = child;
+    count = 1;
+    kr_descendants_discover(table, &count, &overflow);
+    EXPECT_EQ(count, 1u);
+    kr_test_children_listed = nullptr;
+
+    ASSERT_EQ(kr_process_identify(child, &table[0]), 0);
+    count = 1;
+    kr_descendants_discover(table, &count, &overflow);
+    EXPECT_EQ(count, 3u);
+    EXPECT_EQ(table[1].pid, grandchild.pid);
+    EXPECT_FALSE(overflow);
+}
+
+TEST(Runner, OnlyLiveDescendantsTakeRoomInTheTable) {
+    // 300 children one after another, each gone before the next starts.
+    int next[2], ready[2];
+    ASSERT_EQ(pipe(next), 0);
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t parent = fork();
+    ASSERT_GE(parent, 0);
+    if (parent == 0) {
+        setpgid(0, 0);
+        char byte = 1;
+        for (int i = 0; i < 300; ++i) {
+            const pid_t child = fork();
+            if (child == 0) {
+                pause();
+                _exit(0);
+            }
+            if (write(ready[1], &byte, 1) != 1 || read(next[0], &byte, 1) != 1)
+                break;
+            kill(child, SIGKILL);
+            waitpid(child, nullptr, 0);
+        }
+        _exit(0);
+    }
+    close(next[0]);
+    close(ready[1]);
+    const GroupKiller cleanup{parent};
+
+    kr_process table[KR_PROCESS_TABLE_SIZE];
+    size_t count = 1;
+    bool overflow = false;
+    ASSERT_EQ(kr_process_identify(parent, &table[0]), 0);
+    size_t most = 0;
+    int seen = 0;
+    char byte = 1;
+    while (read(ready[0], &byte, 1) == 1) {
+        kr_descendants_discover(table, &count, &overflow);
+        most = std::max(most, count);
+        ++seen;
+        if (write(next[1], &byte, 1) != 1)
+            break;
+    }
+    close(next[1]);
+    close(ready[0]);
+    EXPECT_EQ(seen, 300);
+    EXPECT_EQ(most, 2u);
+    EXPECT_FALSE(overflow);
+
+    // A build runs hundreds of short-lived programs, one after another.
+    const RunResult build =
+        run("for i in $(seq 600); do /bin/true; done; echo built", {.timeoutMs = 60000});
+    EXPECT_EQ(build.output, "built\n");
+    EXPECT_EQ(build.exitStatus, 0);
+}
+
+TEST(Runner, CancelAndDeadlineReachAChildThatNeverStops) {
+    // Like a child stuck changing into a folder on a hung mount: it never stops for its parent.
+    kr_command* handle = kr_command_create();
+    const RunResult cancelled = runNeverStopping({.handle = handle}, true);
+    kr_command_destroy(handle);
+    EXPECT_EQ(cancelled.rc, 0);
+    EXPECT_EQ(cancelled.exitStatus, 137);
+    EXPECT_FALSE(cancelled.timedOut);
+    EXPECT_TRUE(cancelled.output.empty());
+
+    const RunResult late = runNeverStopping({.timeoutMs = 100}, false);
+    EXPECT_EQ(late.rc, 0);
+    EXPECT_EQ(late.exitStatus, 137);
+    EXPECT_TRUE(late.timedOut);
+    EXPECT_TRUE(late.output.empty());
+}
+
 TEST(Runner, DescendantTableHoldsExactly256Processes) {
     // A parent with 255 children fills the table to the brim; one more child overflows it.
     int more[2], ready[2];
@@ -479,14 +699,7 @@ TEST(Runner, DescendantTableHoldsExactly256Processes) {
     }
     close(more[0]);
     close(ready[1]);
-    // Whatever happens below, the whole group goes.
-    struct GroupKiller {
-        pid_t group;
-        ~GroupKiller() {
-            kill(-group, SIGKILL);
-            waitpid(group, nullptr, 0);
-        }
-    } cleanup{parent};
+    const GroupKiller cleanup{parent};
     char byte;
     ASSERT_EQ(read(ready[0], &byte, 1), 1);
 
