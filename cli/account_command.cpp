@@ -5,8 +5,6 @@
 #include "command_line.h"
 #include "service_connection.h"
 
-#include <QJsonDocument>
-
 namespace kestrolan::cli {
 namespace {
 
@@ -17,7 +15,7 @@ const QString help = QStringLiteral(
     "progress, what is available to spend, and whether Zero Data Retention is on.\n"
     "\n"
     "Options:\n"
-    "  --json      print the account as JSON\n"
+    "  --json      print the account as one line of JSON\n"
     "  -h, --help  show this help");
 
 QString dollars(const QString& amount) {
@@ -42,12 +40,12 @@ QCoro::Task<int> AccountCommand::run(QStringList arguments) {
     if (const auto stop = parseCommandLine(console(), parser, name(), help, arguments))
         co_return *stop;
 
+    std::unique_ptr<ServiceConnection> connection;
     try {
-        ServiceConnection connection;
-        const Account account = co_await connection.client().account();
+        connection = std::make_unique<ServiceConnection>();
+        const Account account = co_await connection->client().account();
         if (parser.isSet(json)) {
-            console().out(
-                QString::fromUtf8(QJsonDocument(account.toJson()).toJson(QJsonDocument::Compact)));
+            console().out(compactJson(account.toJson()));
             co_return exitSuccess;
         }
         console().out(u"Email: " + account.email);
@@ -59,7 +57,7 @@ QCoro::Task<int> AccountCommand::run(QStringList arguments) {
                                                       : QStringLiteral("off")));
         co_return exitSuccess;
     } catch (...) {
-        co_return reportFailure(console(), std::current_exception());
+        co_return reportFailure(console(), std::current_exception(), connection.get());
     }
 }
 

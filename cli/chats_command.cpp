@@ -11,7 +11,6 @@
 #include <QCommandLineParser>
 #include <QDateTime>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QTimeZone>
 #include <algorithm>
 
@@ -41,7 +40,7 @@ const QString listHelp = QStringLiteral(
     "(by the local time zone), newest first, one line each: id, last update, title.\n"
     "\n"
     "Options:\n"
-    "  --json       print a JSON array of {id, title, updated_at, group} instead\n"
+    "  --json       print one line of JSON instead: an array of {id, title, updated_at, group}\n"
     "  -h, --help   show this help");
 
 const QString showHelp = QStringLiteral(
@@ -51,7 +50,7 @@ const QString showHelp = QStringLiteral(
     "lines under it (charges and warnings).\n"
     "\n"
     "Options:\n"
-    "  --json       print the saved document as JSON instead\n"
+    "  --json       print the saved document as one line of JSON instead\n"
     "  -h, --help   show this help");
 
 const QString deleteHelp = QStringLiteral("Usage: kestrolan-cli chats delete ID\n"
@@ -191,11 +190,12 @@ QCoro::Task<int> ChatsCommand::list(QStringList arguments) {
     const bool json = std::get<Parsed>(parsed).json;
 
     QList<SavedChatSummary> summaries;
+    std::unique_ptr<ServiceConnection> connection;
     try {
-        ServiceConnection connection;
-        summaries = co_await connection.client().chats();
+        connection = std::make_unique<ServiceConnection>();
+        summaries = co_await connection->client().chats();
     } catch (...) {
-        co_return reportFailure(console(), std::current_exception());
+        co_return reportFailure(console(), std::current_exception(), connection.get());
     }
 
     sortNewestFirst(summaries);
@@ -210,10 +210,7 @@ QCoro::Task<int> ChatsCommand::list(QStringList arguments) {
                           SavedChatSummary::heading(summary.group(now, zone)));
             array.append(object);
         }
-        // Qt writes an empty array over two lines.
-        const QString text =
-            QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Indented)).trimmed();
-        console().out(array.isEmpty() ? QStringLiteral("[]") : text);
+        console().out(compactJson(array));
         co_return exitSuccess;
     }
     if (summaries.isEmpty()) {
@@ -246,16 +243,15 @@ QCoro::Task<int> ChatsCommand::show(QStringList arguments) {
     const auto [json, id] = std::get<Parsed>(parsed);
 
     std::optional<SavedConversation> conversation;
+    std::unique_ptr<ServiceConnection> connection;
     try {
-        ServiceConnection connection;
-        conversation = co_await connection.client().chat(*id);
+        connection = std::make_unique<ServiceConnection>();
+        conversation = co_await connection->client().chat(*id);
     } catch (...) {
-        co_return reportFailure(console(), std::current_exception());
+        co_return reportFailure(console(), std::current_exception(), connection.get());
     }
     if (json) {
-        console().out(
-            QString::fromUtf8(QJsonDocument(conversation->toJson()).toJson(QJsonDocument::Indented))
-                .trimmed());
+        console().out(compactJson(conversation->toJson()));
     } else {
         console().out(transcript(*conversation).join(u'\n'));
     }
@@ -267,11 +263,12 @@ QCoro::Task<int> ChatsCommand::remove(QStringList arguments) {
     if (const int* code = std::get_if<int>(&parsed))
         co_return *code;
     const QUuid id = *std::get<Parsed>(parsed).id;
+    std::unique_ptr<ServiceConnection> connection;
     try {
-        ServiceConnection connection;
-        co_await connection.client().deleteChat(id);
+        connection = std::make_unique<ServiceConnection>();
+        co_await connection->client().deleteChat(id);
     } catch (...) {
-        co_return reportFailure(console(), std::current_exception());
+        co_return reportFailure(console(), std::current_exception(), connection.get());
     }
     console().out(u"Deleted chat " + uuidText(id) + u'.');
     co_return exitSuccess;

@@ -11,8 +11,9 @@ namespace kestrolan::cli {
 // Process exit codes shared by every command.
 enum ExitCode : int {
     exitSuccess = 0,
-    exitFailure = 1, // the operation failed; its description went to standard error
-    exitUsage = 2,   // the command line was wrong
+    exitFailure = 1,     // the operation failed; its description went to standard error
+    exitUsage = 2,       // the command line was wrong
+    exitNotSignedIn = 4, // the command needs a sign-in and there is none (or it was revoked)
 };
 
 // One top-level command group of kestrolan-cli ("cron", later "login", "models" ...). Commands

@@ -2,6 +2,10 @@
 
 #include "command.h"
 #include "error.h"
+#include "service/client_error.h"
+#include "service_connection.h"
+
+#include <QJsonDocument>
 
 namespace kestrolan::cli {
 
@@ -27,9 +31,18 @@ std::optional<int> parseCommandLine(const Console& console, QCommandLineParser& 
     return std::nullopt;
 }
 
-int reportFailure(const Console& console, std::exception_ptr failure) {
+QString signInHint() {
+    return QStringLiteral("Run \"kestrolan-cli login\" to sign in.");
+}
+
+int reportFailure(const Console& console, std::exception_ptr failure,
+                  const ServiceConnection* connection) {
+    bool notSignedIn = connection && connection->wasSignedOut();
     try {
         std::rethrow_exception(failure);
+    } catch (const ClientError& error) {
+        notSignedIn = notSignedIn || error.kind() == ClientError::Kind::noAuthorization;
+        console.err(error.description());
     } catch (const Error& error) {
         console.err(error.description());
     } catch (const std::exception& error) {
@@ -37,7 +50,18 @@ int reportFailure(const Console& console, std::exception_ptr failure) {
     } catch (...) {
         console.err(QStringLiteral("An unexpected error occurred."));
     }
-    return exitFailure;
+    if (!notSignedIn)
+        return exitFailure;
+    console.err(signInHint());
+    return exitNotSignedIn;
+}
+
+QString compactJson(const QJsonObject& object) {
+    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
+}
+
+QString compactJson(const QJsonArray& array) {
+    return QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Compact));
 }
 
 } // namespace kestrolan::cli

@@ -3,6 +3,9 @@
 #include "account/desktop_auth.h"
 #include "account/keychain_token_store.h"
 #include "command_line.h"
+#include "error.h"
+#include "platform/system_keychain_access.h"
+#include "secret_store_probe.h"
 #include "service_connection.h"
 
 #include <QCoroFuture>
@@ -16,14 +19,19 @@ namespace kestrolan::cli {
 namespace {
 
 const QString help = QStringLiteral(
-    "Usage: kestrolan-cli login [--no-browser] [--callback URL]\n"
+    "Usage: kestrolan-cli login [--force] [--no-browser] [--callback URL]\n"
     "\n"
     "Signs in through the browser. The sign-in address is printed alone on standard output and\n"
     "opened in the default browser. After signing in there, the browser is sent to an address\n"
     "beginning with kestrolan://auth/callback; give that address as one line on standard input,\n"
     "or with --callback. The token is kept in the keyring and shared with the desktop app.\n"
     "\n"
+    "First the keyring is checked: when it cannot store the token (no Secret Service running,\n"
+    "or the keyring is locked) nothing else happens and the exit status is 1. When already\n"
+    "signed in, the account is named and no new sign-in starts unless --force is given.\n"
+    "\n"
     "Options:\n"
+    "  --force         sign in again even when already signed in\n"
     "  --no-browser    only print the sign-in address\n"
     "  --callback URL  the callback address, instead of reading it from standard input\n"
     "  -h, --help      show this help");
@@ -34,6 +42,18 @@ std::optional<QString> readLine() {
     if (!std::getline(std::cin, line))
         return std::nullopt;
     return QString::fromStdString(line);
+}
+
+// What to say about the token already stored: the account it belongs to when the service can
+// tell.
+QCoro::Task<QString> signedInAs(ServiceConnection* connection) {
+    try {
+        const Account account = co_await connection->client().account();
+        co_return u"Already signed in as " + account.email + u'.';
+    } catch (const Error& error) {
+        co_return u"Already signed in (the account could not be loaded: " + error.description() +
+            u").";
+    }
 }
 
 bool openInBrowser(const QUrl& url) {
@@ -56,12 +76,34 @@ QCoro::Task<int> LoginCommand::run(QStringList arguments) {
                                        QStringLiteral("Only print the sign-in address."));
     const QCommandLineOption callback(
         QStringLiteral("callback"), QStringLiteral("The callback address."), QStringLiteral("URL"));
-    parser.addOptions({noBrowser, callback});
+    const QCommandLineOption force(QStringLiteral("force"),
+                                   QStringLiteral("Sign in again when already signed in."));
+    parser.addOptions({noBrowser, callback, force});
     if (const auto stop = parseCommandLine(console(), parser, name(), help, arguments))
         co_return *stop;
 
     try {
         ServiceConnection connection;
+        const auto probe = co_await SecretStoreProbe::run(std::make_shared<SystemKeychainAccess>());
+        if (probe.state != SecretStoreProbe::State::available) {
+            console().err(SecretStoreProbe::explanation(probe));
+            co_return exitFailure;
+        }
+        if (!parser.isSet(force)) {
+            const auto stored = co_await connection.tokens()->read();
+            if (stored) {
+                const auto signedIn = co_await signedInAs(&connection);
+                // A token the service refused is gone now: sign in as if there had been none.
+                if (!connection.wasSignedOut()) {
+                    console().out(signedIn);
+                    console().err(
+                        QStringLiteral("Run \"kestrolan-cli login --force\" to sign in again, or "
+                                       "\"kestrolan-cli logout\" to sign out."));
+                    co_return exitSuccess;
+                }
+            }
+        }
+
         DesktopAuth auth(connection.client(), connection.tokens());
         const QUrl authorize = auth.beginSignIn();
         console().out(authorize.toString(QUrl::FullyEncoded));

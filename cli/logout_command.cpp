@@ -13,7 +13,7 @@ const QString help = QStringLiteral(
     "\n"
     "Signs out: the service revokes the token and it is removed from the keyring. When the\n"
     "service cannot be reached the token is removed all the same, the error is shown and the\n"
-    "exit status is 1.\n"
+    "exit status is 1. Without a sign-in it says \"Not signed in.\" and exits with 0.\n"
     "\n"
     "Options:\n"
     "  -h, --help  show this help");
@@ -35,6 +35,11 @@ QCoro::Task<int> LogoutCommand::run(QStringList arguments) {
 
     try {
         ServiceConnection connection;
+        const auto stored = co_await connection.tokens()->read();
+        if (!stored) {
+            console().out(QStringLiteral("Not signed in."));
+            co_return exitSuccess;
+        }
         DesktopAuth auth(connection.client(), connection.tokens());
         co_await auth.signOut();
         if (const auto failure = auth.errorMessage()) {

@@ -7,6 +7,7 @@
 #include "login_command.h"
 #include "logout_command.h"
 #include "models_command.h"
+#include "status_command.h"
 
 #include <QCoreApplication>
 #include <exception>
@@ -18,10 +19,20 @@ using namespace kestrolan::cli;
 namespace {
 
 QString topLevelHelp(const std::vector<std::unique_ptr<Command>>& commands) {
-    QString help = QStringLiteral("Usage: kestrolan-cli COMMAND [ARGUMENTS]\n\nCommands:\n");
+    QString help = QStringLiteral("Usage: kestrolan-cli COMMAND [ARGUMENTS]\n"
+                                  "       kestrolan-cli --version\n\nCommands:\n");
     for (const auto& command : commands)
         help += u"  " + command->name().leftJustified(10) + command->summary() + u'\n';
-    help += QStringLiteral("\nRun \"kestrolan-cli COMMAND --help\" for a command's usage.");
+    help += QStringLiteral(
+        "\n"
+        "Exit status:\n"
+        "  0  success\n"
+        "  1  failure; the reason is on standard error\n"
+        "  2  bad usage\n"
+        "  4  not signed in: the command needs a sign-in (run \"kestrolan-cli login\")\n"
+        "\n"
+        "With --json a command prints compact JSON: one document on one line.\n"
+        "Run \"kestrolan-cli COMMAND --help\" for a command's usage.");
     return help;
 }
 
@@ -48,6 +59,7 @@ int main(int argc, char** argv) {
     std::vector<std::unique_ptr<Command>> commands;
     commands.push_back(std::make_unique<LoginCommand>(console));
     commands.push_back(std::make_unique<LogoutCommand>(console));
+    commands.push_back(std::make_unique<StatusCommand>(console));
     commands.push_back(std::make_unique<AccountCommand>(console));
     commands.push_back(std::make_unique<ModelsCommand>(console));
     commands.push_back(std::make_unique<ChatsCommand>(console));
@@ -61,6 +73,10 @@ int main(int argc, char** argv) {
     const QString& word = arguments.first();
     if (word == u"--help" || word == u"-h" || word == u"help") {
         console.out(topLevelHelp(commands));
+        return exitSuccess;
+    }
+    if (word == u"--version") {
+        console.out(QStringLiteral("kestrolan-cli " KESTROLAN_VERSION));
         return exitSuccess;
     }
     for (const auto& command : commands) {

@@ -7,7 +7,8 @@
 #include "platform/settings_defaults.h"
 #include "service_connection.h"
 
-#include <QJsonDocument>
+#include <QJsonArray>
+#include <QJsonObject>
 
 namespace kestrolan::cli {
 namespace {
@@ -21,8 +22,44 @@ const QString help = QStringLiteral(
     "size. The catalog is public: no sign-in is needed.\n"
     "\n"
     "Options:\n"
-    "  --json      print the catalog as JSON\n"
+    "  --json      print the catalog as one line of JSON, each model with \"selected\"\n"
     "  -h, --help  show this help");
+
+// One row per model; every column starts at the same place on every row.
+QString listing(const QList<CatalogModel>& models, const std::optional<QString>& selected) {
+    const QString unavailable = QStringLiteral("unavailable");
+    qsizetype idWidth = 0;
+    qsizetype nameWidth = 0;
+    bool anyUnavailable = false;
+    for (const auto& model : models) {
+        idWidth = std::max(idWidth, model.id.size());
+        nameWidth = std::max(nameWidth, model.displayName.size());
+        anyUnavailable = anyUnavailable || !model.available;
+    }
+    QStringList lines;
+    for (const auto& model : models) {
+        QString line = (selected == model.id ? u"* " : u"  ") + model.id.leftJustified(idWidth) +
+                       u"  " + model.displayName.leftJustified(nameWidth) + u"  ";
+        if (anyUnavailable)
+            line += (model.available ? QString() : unavailable).leftJustified(unavailable.size()) +
+                    u"  ";
+        lines << line + CatalogFormatting::metadata(model);
+    }
+    return lines.join(u'\n');
+}
+
+// The catalog as the service sends it, each model marked with whether it is the selected one.
+QJsonObject catalogJson(const QList<CatalogModel>& models, const std::optional<QString>& selected) {
+    QJsonObject catalog = Catalog{models}.toJson();
+    QJsonArray marked;
+    for (const auto& model : catalog.value(u"models").toArray()) {
+        QJsonObject object = model.toObject();
+        object.insert(QStringLiteral("selected"), object.value(u"id").toString() == selected);
+        marked.append(object);
+    }
+    catalog.insert(QStringLiteral("models"), marked);
+    return catalog;
+}
 
 } // namespace
 
@@ -51,26 +88,13 @@ QCoro::Task<int> ModelsCommand::run(QStringList arguments) {
             co_return exitFailure;
         }
         const auto& models = store.models();
+        const auto selected = store.selectedModelID();
         if (parser.isSet(json)) {
-            console().out(QString::fromUtf8(
-                QJsonDocument(Catalog{models}.toJson()).toJson(QJsonDocument::Compact)));
+            console().out(compactJson(catalogJson(models, selected)));
             co_return exitSuccess;
         }
-
-        qsizetype idWidth = 0;
-        qsizetype nameWidth = 0;
-        for (const auto& model : models) {
-            idWidth = std::max(idWidth, model.id.size());
-            nameWidth = std::max(nameWidth, model.displayName.size());
-        }
-        for (const auto& model : models) {
-            const bool selected = store.selectedModelID() == model.id;
-            QString line = (selected ? u"* " : u"  ") + model.id.leftJustified(idWidth) + u"  " +
-                           model.displayName.leftJustified(nameWidth) + u"  ";
-            if (!model.available)
-                line += u"unavailable  ";
-            console().out(line + CatalogFormatting::metadata(model));
-        }
+        console().out(models.isEmpty() ? QStringLiteral("The catalog has no models.")
+                                       : listing(models, selected));
         co_return exitSuccess;
     } catch (...) {
         co_return reportFailure(console(), std::current_exception());

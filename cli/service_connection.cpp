@@ -9,7 +9,9 @@ ServiceConnection::ServiceConnection()
     : m_configuration(
           Configuration::load(QProcessEnvironment::systemEnvironment(), SettingsDefaults()))
     , m_tokens(KeychainTokenStore::forApp(m_configuration.origin()))
-    , m_client(std::make_unique<APIClient>(m_configuration, m_tokens)) {}
+    , m_client(std::make_unique<APIClient>(m_configuration, m_tokens)) {
+    m_client->setOnUnauthorized([this] { m_signedOut = true; });
+}
 
 ServiceConnection::~ServiceConnection() = default;
 

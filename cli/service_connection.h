@@ -23,11 +23,14 @@ public:
     const Configuration& configuration() const { return m_configuration; }
     const std::shared_ptr<KeychainTokenStore>& tokens() const { return m_tokens; }
     APIClient& client() { return *m_client; }
+    // True once the service refused the token with 401 and the client removed it.
+    bool wasSignedOut() const { return m_signedOut; }
 
 private:
     Configuration m_configuration;
     std::shared_ptr<KeychainTokenStore> m_tokens;
     std::unique_ptr<APIClient> m_client;
+    bool m_signedOut = false;
 };
 
 } // namespace kestrolan::cli

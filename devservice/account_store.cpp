@@ -26,24 +26,39 @@ std::optional<Account> readAccount(QSqlQuery& query) {
 AccountStore::AccountStore(Database& database)
     : m_database(database) {}
 
+Account AccountStore::insert(QSqlDatabase& connection, const QString& email, std::uint64_t balance,
+                             const QString& description) {
+    const auto id = QUuid::createUuid().toString(QUuid::WithoutBraces);
+    Database::execute(connection,
+                      QStringLiteral("INSERT INTO accounts (id, email, balance, held, "
+                                     "zero_retention, created_at) VALUES (?, ?, ?, 0, 0, ?)"),
+                      {id, email, qint64(balance), QDateTime::currentMSecsSinceEpoch()});
+    // The opening credit goes through the ledger so that the balance stays its sum.
+    Ledger::record(connection, {.accountId = id,
+                                .kind = Ledger::Kind::credit,
+                                .amount = qint64(balance),
+                                .balanceAfter = balance,
+                                .description = description});
+    return Account{id, email, balance, 0, false};
+}
+
 Account AccountStore::seedDevelopmentAccount(std::uint64_t balance) {
     return m_database.transaction([&](QSqlDatabase& connection) {
         auto existing = Database::execute(connection, selectAccount + QStringLiteral("email = ?"),
                                           {developmentEmail});
         if (auto account = readAccount(existing))
             return *account;
-        const auto id = QUuid::createUuid().toString(QUuid::WithoutBraces);
-        Database::execute(
-            connection,
-            QStringLiteral("INSERT INTO accounts (id, email, balance, held, "
-                           "zero_retention, created_at) VALUES (?, ?, ?, 0, 0, ?)"),
-            {id, developmentEmail, qint64(balance), QDateTime::currentMSecsSinceEpoch()});
-        Ledger::record(connection, {.accountId = id,
-                                    .kind = Ledger::Kind::credit,
-                                    .amount = qint64(balance),
-                                    .balanceAfter = balance,
-                                    .description = QStringLiteral("Development credit")});
-        return Account{id, developmentEmail, balance, 0, false};
+        return insert(connection, developmentEmail, balance, QStringLiteral("Development credit"));
+    });
+}
+
+std::optional<Account> AccountStore::create(const QString& email, std::uint64_t balance) {
+    return m_database.transaction([&](QSqlDatabase& connection) -> std::optional<Account> {
+        auto existing =
+            Database::execute(connection, selectAccount + QStringLiteral("email = ?"), {email});
+        if (existing.next())
+            return std::nullopt;
+        return insert(connection, email, balance, QStringLiteral("Opening credit"));
     });
 }
 

@@ -7,6 +7,9 @@
 #include "money.h"
 #include "request_json.h"
 #include "session_tokens.h"
+#include "sign_in_account.h"
+
+#include <algorithm>
 
 namespace kestrolan::devservice {
 
@@ -15,6 +18,22 @@ namespace {
 RequestJson bodyOf(const ApiRequest& request) {
     return request.body.trimmed().isEmpty() ? RequestJson(QJsonObject{})
                                             : RequestJson::parse(request.body);
+}
+
+constexpr qsizetype maximumEmailLength = 254;
+
+// Addresses are compared in lower case, so "Dev@Localhost" names the development account.
+QString emailIn(const RequestJson& json, const QString& key) {
+    const auto email = json.string(key).trimmed().toLower();
+    const auto at = email.indexOf(u'@');
+    const bool wellFormed = email.size() <= maximumEmailLength && at > 0 &&
+                            at == email.lastIndexOf(u'@') && at < email.size() - 1 &&
+                            std::none_of(email.begin(), email.end(), [](QChar c) {
+                                return c.isSpace() || c.category() == QChar::Other_Control;
+                            });
+    if (!wellFormed)
+        json.refuse(key, QStringLiteral("must be an e-mail address of at most 254 characters."));
+    return email;
 }
 
 FaultInjector::Fault readFault(const RequestJson& json) {
@@ -82,18 +101,50 @@ FaultInjector::Fault readFault(const RequestJson& json) {
 } // namespace
 
 AdminEndpoints::AdminEndpoints(AccountStore& accounts, Ledger& ledger, SessionTokens& tokens,
-                               FaultInjector& faults)
+                               FaultInjector& faults, SignInAccount& signInAccount)
     : m_accounts(accounts)
     , m_ledger(ledger)
     , m_tokens(tokens)
-    , m_faults(faults) {}
+    , m_faults(faults)
+    , m_signInAccount(signInAccount) {}
 
 QString AdminEndpoints::accountId(const std::optional<QString>& email) {
-    const auto account = m_accounts.findByEmail(email.value_or(AccountStore::developmentEmail));
+    const auto account =
+        m_accounts.findByEmail(email.value_or(AccountStore::developmentEmail).trimmed().toLower());
     if (!account)
         throw ApiException::notFound(QStringLiteral("There is no account with this email."),
                                      QStringLiteral("account_not_found"));
     return account->id;
+}
+
+ApiResponse AdminEndpoints::createAccount(const ApiRequest& request) {
+    const auto json = RequestJson::parse(request.body);
+    json.rejectUnknownKeys({QStringLiteral("email"), QStringLiteral("balance_usd")});
+    const auto email = emailIn(json, QStringLiteral("email"));
+    const auto balanceText =
+        json.optionalString(QStringLiteral("balance_usd")).value_or(QStringLiteral("0"));
+    const auto balance = Money::parse(balanceText);
+    if (!balance)
+        json.refuse(QStringLiteral("balance_usd"),
+                    QStringLiteral("must be decimal dollars with at most six decimals."));
+    const auto account = m_accounts.create(email, *balance);
+    if (!account)
+        throw ApiException(409, QStringLiteral("An account with this email already exists."),
+                           QStringLiteral("invalid_request_error"),
+                           QStringLiteral("account_exists"), QStringLiteral("email"));
+    return ApiResponse::json(201, account->toJson());
+}
+
+ApiResponse AdminEndpoints::signInAs(const ApiRequest& request) {
+    const auto json = RequestJson::parse(request.body);
+    json.rejectUnknownKeys({QStringLiteral("email")});
+    const auto email = emailIn(json, QStringLiteral("email"));
+    const auto account = m_accounts.findByEmail(email);
+    if (!account)
+        throw ApiException::notFound(QStringLiteral("There is no account with this email."),
+                                     QStringLiteral("account_not_found"));
+    m_signInAccount.setEmail(account->email);
+    return ApiResponse::json(200, account->toJson());
 }
 
 ApiResponse AdminEndpoints::account(const ApiRequest& request) {

@@ -9,14 +9,17 @@ class AccountStore;
 class FaultInjector;
 class Ledger;
 class SessionTokens;
+class SignInAccount;
 
 // /admin/…, for tests and development (the server answers them on loopback connections only).
 // Each acts on the development account unless the body or query names another "email".
 class AdminEndpoints {
 public:
     AdminEndpoints(AccountStore& accounts, Ledger& ledger, SessionTokens& tokens,
-                   FaultInjector& faults);
+                   FaultInjector& faults, SignInAccount& signInAccount);
 
+    ApiResponse createAccount(const ApiRequest& request); // POST /admin/accounts
+    ApiResponse signInAs(const ApiRequest& request);      // POST /admin/sign-in-as
     ApiResponse account(const ApiRequest& request);       // GET  /admin/account
     ApiResponse zeroRetention(const ApiRequest& request); // POST /admin/zero-retention
     ApiResponse balance(const ApiRequest& request);       // POST /admin/balance
@@ -31,6 +34,7 @@ private:
     Ledger& m_ledger;
     SessionTokens& m_tokens;
     FaultInjector& m_faults;
+    SignInAccount& m_signInAccount;
 };
 
 } // namespace kestrolan::devservice

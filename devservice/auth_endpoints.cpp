@@ -7,6 +7,7 @@
 #include "pkce.h"
 #include "request_json.h"
 #include "session_tokens.h"
+#include "sign_in_account.h"
 
 #include <QUrl>
 
@@ -46,10 +47,12 @@ ApiResponse badRequestPage(const QString& reason) {
 } // namespace
 
 AuthEndpoints::AuthEndpoints(AuthorizationCodes& codes, SessionTokens& tokens,
-                             AccountStore& accounts, Authenticator& authenticator, bool autoApprove)
+                             AccountStore& accounts, SignInAccount& signInAccount,
+                             Authenticator& authenticator, bool autoApprove)
     : m_codes(codes)
     , m_tokens(tokens)
     , m_accounts(accounts)
+    , m_signInAccount(signInAccount)
     , m_authenticator(authenticator)
     , m_autoApprove(autoApprove) {}
 
@@ -66,12 +69,11 @@ ApiResponse AuthEndpoints::authorize(const ApiRequest& request) {
         return badRequestPage(
             QStringLiteral("The code challenge must be 43 characters of unpadded base64url."));
 
+    const auto email = m_signInAccount.email();
     if (m_autoApprove)
-        return approve(state, challenge);
+        return approve(state, challenge, email);
 
-    const auto account = m_accounts.findByEmail(AccountStore::developmentEmail);
-    const auto consent = m_codes.beginConsent(state, challenge);
-    const auto email = account ? account->email : AccountStore::developmentEmail;
+    const auto consent = m_codes.beginConsent(state, challenge, email);
     return ApiResponse::html(
         200,
         page(QStringLiteral("Sign in to Kestrolan"),
@@ -102,13 +104,14 @@ ApiResponse AuthEndpoints::decide(const ApiRequest& request) {
     if (decision == u"deny")
         return ApiResponse::redirect(callbackUrl + QStringLiteral("?error=access_denied&state=") +
                                      encoded(consent->state));
-    return approve(consent->state, consent->challenge);
+    return approve(consent->state, consent->challenge, consent->email);
 }
 
-ApiResponse AuthEndpoints::approve(const QString& state, const QString& challenge) {
-    const auto account = m_accounts.findByEmail(AccountStore::developmentEmail);
+ApiResponse AuthEndpoints::approve(const QString& state, const QString& challenge,
+                                   const QString& email) {
+    const auto account = m_accounts.findByEmail(email);
     if (!account)
-        throw ApiException(500, QStringLiteral("The development account is missing."),
+        throw ApiException(500, QStringLiteral("The account to sign in as is missing."),
                            QStringLiteral("server_error"), QStringLiteral("internal_error"));
     const auto code = m_codes.issue(account->id, challenge);
     return ApiResponse::redirect(callbackUrl + QStringLiteral("?code=") + encoded(code) +
@@ -135,24 +138,32 @@ ApiResponse AuthEndpoints::exchange(const ApiRequest& request) {
             QStringLiteral("\"device_name\" must be at most 256 characters."),
             QStringLiteral("device_name"));
 
+    const auto spentOrUnknown = [] {
+        return ApiException::invalidRequest(
+            QStringLiteral("The sign-in code is unknown or was already used. Start sign-in again."),
+            QStringLiteral("code"), QStringLiteral("invalid_grant"));
+    };
     const auto redeemed = m_codes.redeem(code, verifier);
+    if (const auto* replay = std::get_if<AuthorizationCodes::Replay>(&redeemed)) {
+        // The code leaked: whoever holds a token issued from it may not be who signed in.
+        for (const auto& digest : replay->tokens)
+            m_tokens.revokeDigest(digest);
+        throw spentOrUnknown();
+    }
     if (const auto* failure = std::get_if<AuthorizationCodes::Failure>(&redeemed)) {
-        QString message;
         switch (*failure) {
         case AuthorizationCodes::Failure::unknown:
-            message = QStringLiteral("The sign-in code is unknown or was already used. Start "
-                                     "sign-in again.");
-            break;
+            throw spentOrUnknown();
         case AuthorizationCodes::Failure::expired:
-            message = QStringLiteral("The sign-in code has expired. Start sign-in again.");
-            break;
+            throw ApiException::invalidRequest(
+                QStringLiteral("The sign-in code has expired. Start sign-in again."),
+                QStringLiteral("code"), QStringLiteral("invalid_grant"));
         case AuthorizationCodes::Failure::verifierMismatch:
-            message = QStringLiteral("The code verifier does not match this sign-in. Start "
-                                     "sign-in again.");
-            break;
+            throw ApiException::invalidRequest(
+                QStringLiteral("The code verifier does not match this sign-in. Start sign-in "
+                               "again."),
+                QStringLiteral("code"), QStringLiteral("invalid_grant"));
         }
-        throw ApiException::invalidRequest(message, QStringLiteral("code"),
-                                           QStringLiteral("invalid_grant"));
     }
 
     const auto accountId = std::get<QString>(redeemed);
@@ -161,6 +172,11 @@ ApiResponse AuthEndpoints::exchange(const ApiRequest& request) {
         throw ApiException::invalidRequest(QStringLiteral("The account of this sign-in is gone."),
                                            QStringLiteral("code"), QStringLiteral("invalid_grant"));
     const auto issued = m_tokens.issue(account->id, deviceName);
+    if (!m_codes.recordToken(code, issued.digest)) {
+        // Presented again while this exchange ran.
+        m_tokens.revokeDigest(issued.digest);
+        throw spentOrUnknown();
+    }
     return ApiResponse::json(
         200,
         QJsonObject{

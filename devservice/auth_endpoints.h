@@ -11,6 +11,7 @@ class AccountStore;
 class AuthorizationCodes;
 class Authenticator;
 class SessionTokens;
+class SignInAccount;
 
 // Browser sign-in (the consent page and its redirect to the app's callback URL), the code
 // exchange for a bearer token, and logout.
@@ -19,7 +20,7 @@ public:
     static inline const QString callbackUrl = QStringLiteral("kestrolan://auth/callback");
 
     AuthEndpoints(AuthorizationCodes& codes, SessionTokens& tokens, AccountStore& accounts,
-                  Authenticator& authenticator, bool autoApprove);
+                  SignInAccount& signInAccount, Authenticator& authenticator, bool autoApprove);
 
     // GET /desktop/authorize?state=…&code_challenge=…&code_challenge_method=S256
     ApiResponse authorize(const ApiRequest& request);
@@ -31,11 +32,12 @@ public:
     ApiResponse logout(const ApiRequest& request);
 
 private:
-    ApiResponse approve(const QString& state, const QString& challenge);
+    ApiResponse approve(const QString& state, const QString& challenge, const QString& email);
 
     AuthorizationCodes& m_codes;
     SessionTokens& m_tokens;
     AccountStore& m_accounts;
+    SignInAccount& m_signInAccount;
     Authenticator& m_authenticator;
     bool m_autoApprove;
 };

@@ -20,6 +20,7 @@
 #include "saved_chat_store.h"
 #include "searxng_search.h"
 #include "session_tokens.h"
+#include "sign_in_account.h"
 #include "web_search_endpoint.h"
 
 #include <QDir>
@@ -90,14 +91,16 @@ Service::Service(const Options& options)
         qCInfo(serviceLog) << "Released" << released << "holds left by the previous run";
 
     m_authenticator = std::make_unique<Authenticator>(*m_tokens, *m_accounts);
-    m_auth = std::make_unique<AuthEndpoints>(*m_codes, *m_tokens, *m_accounts, *m_authenticator,
-                                             options.autoApprove);
+    m_signInAccount = std::make_unique<SignInAccount>(AccountStore::developmentEmail);
+    m_auth = std::make_unique<AuthEndpoints>(*m_codes, *m_tokens, *m_accounts, *m_signInAccount,
+                                             *m_authenticator, options.autoApprove);
     m_accountEndpoints = std::make_unique<AccountEndpoints>(*m_authenticator, *m_catalog);
     m_chat = std::make_unique<ChatEndpoint>(*m_authenticator, *m_catalog, *m_ledger, *m_http);
     m_chatEndpoints = std::make_unique<SavedChatEndpoints>(*m_authenticator, *m_chats);
     m_webSearch = std::make_unique<WebSearchEndpoint>(*m_authenticator, *m_ledger, *m_search);
     m_bugReports = std::make_unique<BugReportEndpoint>(*m_authenticator, *m_database);
-    m_admin = std::make_unique<AdminEndpoints>(*m_accounts, *m_ledger, *m_tokens, *m_faults);
+    m_admin = std::make_unique<AdminEndpoints>(*m_accounts, *m_ledger, *m_tokens, *m_faults,
+                                               *m_signInAccount);
 
     m_server = std::make_unique<HttpServer>(*m_faults, m_stopping);
     addRoutes();
@@ -143,6 +146,10 @@ void Service::addRoutes() {
     server.route("POST", "/api/bug-reports", bind(m_bugReports.get(), &BugReportEndpoint::handle));
 
     server.route("GET", "/admin/account", bind(m_admin.get(), &AdminEndpoints::account),
+                 Access::loopbackOnly);
+    server.route("POST", "/admin/accounts", bind(m_admin.get(), &AdminEndpoints::createAccount),
+                 Access::loopbackOnly);
+    server.route("POST", "/admin/sign-in-as", bind(m_admin.get(), &AdminEndpoints::signInAs),
                  Access::loopbackOnly);
     server.route("POST", "/admin/zero-retention",
                  bind(m_admin.get(), &AdminEndpoints::zeroRetention), Access::loopbackOnly);

@@ -28,6 +28,7 @@ class SavedChatEndpoints;
 class SavedChatStore;
 class SearchProvider;
 class SessionTokens;
+class SignInAccount;
 class WebSearchEndpoint;
 
 // The whole service, built from the options: storage, endpoints and the HTTP server.
@@ -59,6 +60,7 @@ private:
     std::unique_ptr<Ledger> m_ledger;
     std::unique_ptr<SessionTokens> m_tokens;
     std::unique_ptr<AuthorizationCodes> m_codes;
+    std::unique_ptr<SignInAccount> m_signInAccount;
     std::unique_ptr<SavedChatStore> m_chats;
     std::unique_ptr<HttpClient> m_http;
     std::unique_ptr<SearchProvider> m_search;

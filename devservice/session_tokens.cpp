@@ -25,6 +25,7 @@ QString SessionTokens::hash(const QString& token) {
 SessionTokens::Issued SessionTokens::issue(const QString& accountId, const QString& deviceName) {
     const QString token = QStringLiteral("kdev_") + Pkce::randomText(32);
     // Whole seconds: the expiry travels as text without a fraction.
+    const auto digest = hash(token);
     const auto now = QDateTime::currentDateTimeUtc();
     const auto expiresAt = QDateTime::fromSecsSinceEpoch(
         now.toSecsSinceEpoch() + tokenLifetime.count() / 1000, Qt::UTC);
@@ -32,10 +33,10 @@ SessionTokens::Issued SessionTokens::issue(const QString& accountId, const QStri
         Database::execute(connection,
                           QStringLiteral("INSERT INTO tokens (hash, account_id, device_name, "
                                          "created_at, expires_at) VALUES (?, ?, ?, ?, ?)"),
-                          {hash(token), accountId, deviceName, now.toMSecsSinceEpoch(),
+                          {digest, accountId, deviceName, now.toMSecsSinceEpoch(),
                            expiresAt.toMSecsSinceEpoch()});
     });
-    return {token, expiresAt};
+    return {token, digest, expiresAt};
 }
 
 std::optional<QString> SessionTokens::authenticate(const QString& token) {
@@ -53,7 +54,10 @@ std::optional<QString> SessionTokens::authenticate(const QString& token) {
 }
 
 bool SessionTokens::revoke(const QString& token) {
-    const auto digest = hash(token);
+    return revokeDigest(hash(token));
+}
+
+bool SessionTokens::revokeDigest(const QString& digest) {
     return m_database.transaction([&](QSqlDatabase& connection) {
         return Database::execute(connection,
                                  QStringLiteral("UPDATE tokens SET revoked_at = ? WHERE hash = ? "

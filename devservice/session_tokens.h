@@ -14,6 +14,7 @@ class SessionTokens {
 public:
     struct Issued {
         QString token;
+        QString digest; // what is stored, and what revokeDigest() takes
         QDateTime expiresAt;
     };
 
@@ -23,6 +24,7 @@ public:
     // The account the token belongs to, while it is neither revoked nor expired.
     std::optional<QString> authenticate(const QString& token);
     bool revoke(const QString& token);
+    bool revokeDigest(const QString& digest);
     // Revokes every live token of the account; returns how many.
     int revokeAll(const QString& accountId);
 

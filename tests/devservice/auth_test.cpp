@@ -94,6 +94,38 @@ TEST(DevServiceAuth, CodeExchangeChecksTheVerifierAndIsSingleUse) {
     EXPECT_EQ(unknownKey.error().value(QStringLiteral("param")).toString(), u"grant_type");
 }
 
+TEST(DevServiceAuth, AReplayedCodeRevokesTheTokenIssuedFromIt) {
+    const DevServiceProcess service;
+    const auto [verifier, challenge] = DevServiceProcess::pkce();
+    const auto bystander = service.signIn();
+
+    const auto code = authorizeCode(service, challenge);
+    const auto first = exchange(service, code, verifier);
+    ASSERT_EQ(first.status, 200);
+    const auto token = first.json().value(QStringLiteral("token")).toString();
+    ASSERT_EQ(service.get(QStringLiteral("/api/account"), token).status, 200);
+
+    // The code was seen twice, so it leaked: the second exchange fails and the first token dies.
+    expectInvalidGrant(exchange(service, code, verifier),
+                       QStringLiteral("The sign-in code is unknown or was already used. Start "
+                                      "sign-in again."));
+    EXPECT_EQ(service.get(QStringLiteral("/api/account"), token).status, 401);
+    // Whoever replays it needs no verifier to have it revoked.
+    const auto another = authorizeCode(service, challenge);
+    const auto second = exchange(service, another, verifier);
+    ASSERT_EQ(second.status, 200);
+    const auto [otherVerifier, otherChallenge] = DevServiceProcess::pkce();
+    Q_UNUSED(otherChallenge);
+    EXPECT_EQ(exchange(service, another, otherVerifier).status, 400);
+    EXPECT_EQ(service
+                  .get(QStringLiteral("/api/account"),
+                       second.json().value(QStringLiteral("token")).toString())
+                  .status,
+              401);
+    // Tokens from other codes are untouched.
+    EXPECT_EQ(service.get(QStringLiteral("/api/account"), bystander).status, 200);
+}
+
 TEST(DevServiceAuth, ExpiredCodeIsRefused) {
     const DevServiceProcess service(
         {.arguments = {QStringLiteral("--code-lifetime-ms"), QStringLiteral("150")}});

@@ -17,10 +17,6 @@
 using namespace kestrolan;
 using namespace kestrolan::test;
 
-inline void PrintTo(const QString& text, std::ostream* out) {
-    *out << '"' << text.toStdString() << '"';
-}
-
 // `kestrolan-cli chats` against the real development service: chats are saved through the
 // app's own client, then listed, shown and deleted by the CLI as separate processes.
 namespace {
@@ -159,8 +155,8 @@ QString listed(const SavedChatSummary& summary, const QString& title) {
 
 TEST_F(ChatsEndToEnd, ListsShowsAndDeletesTheAccountsChats) {
     const auto signedOut = cli({QStringLiteral("list")});
-    EXPECT_EQ(signedOut.exitCode, 1);
-    EXPECT_EQ(signedOut.err, u"Sign in to continue.\n");
+    EXPECT_EQ(signedOut.exitCode, 4);
+    EXPECT_EQ(signedOut.err, u"Sign in to continue.\n" + signInHint);
     EXPECT_EQ(signedOut.out, u"");
 
     signIn();
@@ -210,6 +206,7 @@ TEST_F(ChatsEndToEnd, ListsShowsAndDeletesTheAccountsChats) {
                   u'\n');
 
     const auto json = cli({QStringLiteral("list"), QStringLiteral("--json")});
+    EXPECT_EQ(json.out.count(u'\n'), 1); // compact, like every --json
     const auto array = QJsonDocument::fromJson(json.out.toUtf8()).array();
     ASSERT_EQ(array.size(), 5);
     const QStringList groups{QStringLiteral("Today"), QStringLiteral("Today"),
@@ -256,6 +253,7 @@ TEST_F(ChatsEndToEnd, ListsShowsAndDeletesTheAccountsChats) {
     const auto shownJson =
         cli({QStringLiteral("show"), tripID.toUpper(), QStringLiteral("--json")});
     EXPECT_EQ(shownJson.exitCode, 0) << shownJson.err.toStdString();
+    EXPECT_EQ(shownJson.out.count(u'\n'), 1);
     EXPECT_EQ(QJsonDocument::fromJson(shownJson.out.toUtf8()).object(), tripPlans().toJson());
 
     const QString olderID = older.id.toString(QUuid::WithoutBraces);

@@ -38,9 +38,10 @@ CliRun runCli(const QString& baseURL, const QStringList& arguments, const QByteA
     return finish(process);
 }
 
-CliRun signInWithCli(const QString& baseURL) {
+CliRun signInWithCli(const QString& baseURL, const QStringList& extra) {
     QProcess process;
-    start(process, baseURL, {QStringLiteral("login"), QStringLiteral("--no-browser")}, {});
+    start(process, baseURL,
+          QStringList{QStringLiteral("login"), QStringLiteral("--no-browser")} + extra, {});
     while (!process.canReadLine()) {
         if (!process.waitForReadyRead(30'000))
             qFatal("kestrolan-cli printed no sign-in address");

@@ -1,9 +1,12 @@
 #pragma once
 
+#include "qstring_printer.h"
+
 #include <QByteArray>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
+#include <ostream>
 
 namespace kestrolan::test {
 
@@ -19,7 +22,10 @@ CliRun runCli(const QString& baseURL, const QStringList& arguments, const QByteA
               const QProcessEnvironment& extra = {});
 
 // `kestrolan-cli login --no-browser` with the authorize address followed as a browser would
-// and the callback typed in as a user would.
-CliRun signInWithCli(const QString& baseURL);
+// and the callback typed in as a user would; `extra` adds arguments such as --force.
+CliRun signInWithCli(const QString& baseURL, const QStringList& extra = {});
+
+// The line every "not signed in" failure ends with.
+inline const QString signInHint = QStringLiteral("Run \"kestrolan-cli login\" to sign in.\n");
 
 } // namespace kestrolan::test
