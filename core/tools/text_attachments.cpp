@@ -6,22 +6,24 @@ QString TextAttachments::limitsDescription() {
     return QStringLiteral("UTF-8 text/code only. Up to 20 files, 64 KiB each, 128 KiB total.");
 }
 
-bool TextAttachments::withinLimits(const QList<WireAttachment>& attachments) {
+std::optional<AttachmentError>
+TextAttachments::violation(const QList<WireAttachment>& attachments) {
+    using Kind = AttachmentError::Kind;
     if (attachments.size() > maxFiles)
-        return false;
+        return AttachmentError(Kind::tooManyFiles, attachments.at(maxFiles).name);
     qsizetype total = 0;
     for (const auto& attachment : attachments) {
         // A NUL or a lone surrogate means the file was not text.
         if (attachment.text.contains(QChar(u'\0')) || !attachment.text.isValidUtf16())
-            return false;
+            return AttachmentError(Kind::notText, attachment.name);
         const auto bytes = attachment.text.toUtf8().size();
         if (bytes > maxFileBytes)
-            return false;
+            return AttachmentError(Kind::fileTooLarge, attachment.name);
         total += bytes;
         if (total > maxTotalBytes)
-            return false;
+            return AttachmentError(Kind::totalTooLarge, attachment.name);
     }
-    return true;
+    return std::nullopt;
 }
 
 QString TextAttachments::userContent(const QString& text,

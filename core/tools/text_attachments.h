@@ -1,9 +1,11 @@
 #pragma once
 
+#include "tools/attachment_error.h"
 #include "tools/wire_attachment.h"
 
 #include <QList>
 #include <QString>
+#include <optional>
 
 namespace kestrolan {
 
@@ -16,9 +18,12 @@ struct TextAttachments {
     // The hint shown where files are attached; also what a refusal says.
     static QString limitsDescription();
 
-    // True when the attachments of one turn stay within every bound: UTF-8 bytes per file and in
-    // total, the number of files, and text only (no NUL character).
-    static bool withinLimits(const QList<WireAttachment>& attachments);
+    // The first attachment of one turn that breaks a bound (the number of files, text only
+    // without NUL characters, UTF-8 bytes per file and in total), with the rule it broke.
+    static std::optional<AttachmentError> violation(const QList<WireAttachment>& attachments);
+    static bool withinLimits(const QList<WireAttachment>& attachments) {
+        return !violation(attachments);
+    }
 
     // The user content of a turn: the message, then each attachment marked as untrusted data.
     static QString userContent(const QString& text, const QList<WireAttachment>& attachments);

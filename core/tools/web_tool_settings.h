@@ -18,6 +18,10 @@ struct WebToolSettings {
 
     static WebToolSettings load(const Defaults& defaults);
     void store(Defaults& defaults) const;
+
+    // System text naming the web tools the model has and saying that what they return is
+    // untrusted data; empty when no web tool is on or the model cannot call tools.
+    QString systemPrompt(bool toolCalling) const;
 };
 
 } // namespace kestrolan

@@ -116,6 +116,11 @@ qsizetype TestHttpServer::requestCount() const {
     return m_requests.size();
 }
 
+qsizetype TestHttpServer::connectionCount() const {
+    std::lock_guard lock(m_mutex);
+    return m_connectionCount;
+}
+
 void TestHttpServer::acceptLoop() {
     while (!m_stopping) {
         pollfd descriptor{m_listenFd, POLLIN, 0};
@@ -125,6 +130,7 @@ void TestHttpServer::acceptLoop() {
         if (fd < 0)
             continue;
         std::lock_guard lock(m_mutex);
+        ++m_connectionCount;
         m_connections.insert(fd);
         m_threads.emplace_back([this, fd] { serve(fd); });
     }

@@ -70,6 +70,8 @@ public:
 
     QList<RecordedRequest> requests() const;
     qsizetype requestCount() const;
+    // Connections accepted, also those that never sent a whole request.
+    qsizetype connectionCount() const;
 
 private:
     void acceptLoop();
@@ -86,6 +88,7 @@ private:
     Handler m_handler;
     std::deque<TestResponse> m_queue;
     QList<RecordedRequest> m_requests;
+    qsizetype m_connectionCount = 0;
     std::set<int> m_connections;
     std::vector<std::thread> m_threads;
     std::thread m_acceptThread;

@@ -1,4 +1,5 @@
 #include "conversation/saved_conversation.h"
+#include "qstring_printer.h"
 #include "service/client_error.h"
 #include "tools/tool_result.h"
 
@@ -9,10 +10,6 @@
 using namespace kestrolan;
 using Reply = SavedConversation::Reply;
 using Turn = SavedConversation::Turn;
-
-inline void PrintTo(const QString& text, std::ostream* out) {
-    *out << '"' << text.toStdString() << '"';
-}
 
 namespace {
 

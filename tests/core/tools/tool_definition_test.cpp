@@ -1,4 +1,5 @@
 #include "platform/settings_defaults.h"
+#include "qstring_printer.h"
 #include "tools/tool_definition.h"
 
 #include <QJsonArray>
@@ -7,10 +8,6 @@
 #include <gtest/gtest.h>
 
 using namespace kestrolan;
-
-inline void PrintTo(const QString& text, std::ostream* out) {
-    *out << '"' << text.toStdString() << '"';
-}
 
 namespace {
 

@@ -1,3 +1,4 @@
+#include "qstring_printer.h"
 #include "tools/argument_decoding_error.h"
 #include "tools/harness_error.h"
 #include "tools/reject_unknown_fields.h"
@@ -9,10 +10,6 @@
 
 using namespace kestrolan;
 using Op = ToolOperation;
-
-inline void PrintTo(const QString& text, std::ostream* out) {
-    *out << '"' << text.toStdString() << '"';
-}
 
 namespace {
 

@@ -1,3 +1,4 @@
+#include "qstring_printer.h"
 #include "service/client_error.h"
 #include "tools/harness_error.h"
 #include "tools/text_attachments.h"
@@ -11,10 +12,6 @@
 #include <stdexcept>
 
 using namespace kestrolan;
-
-inline void PrintTo(const QString& text, std::ostream* out) {
-    *out << '"' << text.toStdString() << '"';
-}
 
 TEST(ToolText, RemovesEscapeSequencesControlsAndDirectionOverrides) {
     EXPECT_EQ(ToolText::escaped(u"a\x1b[31mred\x1b[0m\r\n"), u"ared\n");
