@@ -24,6 +24,8 @@ struct kr_command {
 enum {
     poll_interval_ms = 5,
     first_stop_check_us = 20,
+    quick_stop_check_us = 100,
+    quick_stop_checks_ms = 10,
     last_stop_check_us = 1000,
     reads_per_round = 8,
     read_size = 4096,
@@ -237,7 +239,11 @@ static start_outcome await_stop(kr_command* handle, pid_t pid, uint64_t started,
             return child_given_up;
         }
         sleep_us(pause_us);
-        pause_us = pause_us * 2 < last_stop_check_us ? pause_us * 2 : last_stop_check_us;
+        /* A healthy child stops within a millisecond or so: check often at first, so the start
+         * costs little, and only back off once it is clearly stuck. */
+        const long cap =
+            now_ms() - started < quick_stop_checks_ms ? quick_stop_check_us : last_stop_check_us;
+        pause_us = pause_us * 2 < cap ? pause_us * 2 : cap;
     }
 }
 
