@@ -26,16 +26,18 @@ struct ChatLoopSlots::Withdraw {
     }
 };
 
+// Holds a plain pointer: the caller keeps the waiter alive, and GCC 12 can destroy an awaiter
+// temporary twice, which would drop a shared owner too many.
 class ChatLoopSlots::WaitAwaiter {
 public:
-    explicit WaitAwaiter(std::shared_ptr<Waiter> waiter)
-        : m_waiter(std::move(waiter)) {}
+    explicit WaitAwaiter(Waiter* waiter)
+        : m_waiter(waiter) {}
     bool await_ready() const noexcept { return false; }
     void await_suspend(std::coroutine_handle<> handle) noexcept { m_waiter->handle = handle; }
     bool await_resume() const noexcept { return m_waiter->granted.value_or(false); }
 
 private:
-    std::shared_ptr<Waiter> m_waiter;
+    Waiter* m_waiter;
 };
 
 ChatLoopSlots& ChatLoopSlots::shared() {
@@ -56,7 +58,8 @@ QCoro::Task<bool> ChatLoopSlots::acquire(QUuid id, std::stop_token stop) {
     auto waiter = std::make_shared<Waiter>(Waiter{id, stop, {}, std::nullopt});
     m_waiters.push_back(waiter);
     const std::stop_callback<Withdraw> onStop(stop, Withdraw{this, waiter});
-    const bool granted = co_await WaitAwaiter(waiter);
+    WaitAwaiter awaiter(waiter.get());
+    const bool granted = co_await awaiter;
     // The slot arrived after the caller gave up but before it resumed: pass it on untaken.
     if (granted && stop.stop_requested()) {
         release(id);

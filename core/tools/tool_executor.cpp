@@ -330,7 +330,8 @@ QCoro::Task<bool> ToolExecutor::requestApproval(ToolCall call, ToolOperation ope
     setState(index, State::awaitingApproval);
     m_timeout = m_clock->alarm(expiresAt, expiry(id));
     Q_EMIT pendingApprovalChanged();
-    const bool allowed = co_await ApprovalAwaiter{wait};
+    ApprovalAwaiter awaiter{wait.get()};
+    const bool allowed = co_await awaiter;
     co_return allowed;
 }
 

@@ -123,8 +123,10 @@ private:
         std::coroutine_handle<> handle;
         bool answer = false;
     };
+    // Holds a plain pointer: the caller keeps the wait alive, and GCC 12 can destroy an awaiter
+    // temporary twice, which would drop a shared owner too many.
     struct ApprovalAwaiter {
-        std::shared_ptr<ApprovalWait> wait;
+        ApprovalWait* wait;
         bool await_ready() const noexcept { return false; }
         void await_suspend(std::coroutine_handle<> handle) { wait->handle = handle; }
         bool await_resume() const noexcept { return wait->answer; }
