@@ -4,6 +4,7 @@
 #include "platform/keychain_access.h"
 #include "platform/system_keychain_access.h"
 #include "service/client_error.h"
+#include "support/enum_names.h"
 
 #include <qt6keychain/keychain.h>
 
@@ -84,19 +85,14 @@ QString SecretStoreProbe::explanation(const Result& result) {
 }
 
 QString SecretStoreProbe::name(State state) {
-    switch (state) {
-    case State::available:
-        return QStringLiteral("available");
-    case State::locked:
-        return QStringLiteral("locked");
-    case State::noSecretService:
-        return QStringLiteral("no-secret-service");
-    case State::notAnswering:
-        return QStringLiteral("not-answering");
-    case State::failed:
-        break;
-    }
-    return QStringLiteral("error");
+    static constexpr EnumNames names{std::array{
+        std::pair{State::available, u"available"},
+        std::pair{State::locked, u"locked"},
+        std::pair{State::noSecretService, u"no-secret-service"},
+        std::pair{State::notAnswering, u"not-answering"},
+        std::pair{State::failed, u"error"},
+    }};
+    return names.name(state);
 }
 
 } // namespace kestrolan::cli

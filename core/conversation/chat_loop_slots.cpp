@@ -1,5 +1,7 @@
 #include "conversation/chat_loop_slots.h"
 
+#include "support/wait_list.h"
+
 #include <algorithm>
 #include <coroutine>
 #include <optional>
@@ -93,8 +95,7 @@ void ChatLoopSlots::withdraw(const std::shared_ptr<Waiter>& waiter) {
 
 void ChatLoopSlots::settle(const std::shared_ptr<Waiter>& waiter, bool granted) {
     waiter->granted = granted;
-    QMetaObject::invokeMethod(
-        &m_context, [handle = waiter->handle] { handle.resume(); }, Qt::QueuedConnection);
+    resumeLater(m_context, waiter->handle);
 }
 
 } // namespace kestrolan

@@ -11,7 +11,6 @@
 #include "tools/web_tool_settings.h"
 
 #include <QDateTime>
-#include <QTimer>
 #include <cmath>
 
 namespace kestrolan {
@@ -90,7 +89,8 @@ void ChatSession::stop() {
 }
 
 QCoro::Task<void> ChatSession::waitUntilIdle() {
-    co_await IdleAwaiter{this};
+    while (m_turnRunning)
+        co_await m_completionWaiters.next();
 }
 
 SavedConversation::Reply* ChatSession::reply(const QUuid& turnID) {
@@ -300,8 +300,8 @@ QCoro::Task<void> ChatSession::finishTurn(QUuid turnID, Ending ending) {
     m_isCompleting = false;
     m_turnRunning = false;
     Q_EMIT changed();
-    for (const auto handle : std::exchange(m_completionWaiters, {}))
-        QTimer::singleShot(0, &m_resumer, [handle] { handle.resume(); });
+    // Waiters resume from the event loop, never inside the turn that ends.
+    m_completionWaiters.resumeAll();
 }
 
 QCoro::Task<void> ChatSession::save() {

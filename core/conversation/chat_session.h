@@ -8,6 +8,7 @@
 #include "service/billing_usage.h"
 #include "service/chat_stream_event.h"
 #include "service/token_usage.h"
+#include "support/wait_list.h"
 #include "tools/tool_executor.h"
 
 #include <QCoroTask>
@@ -124,15 +125,6 @@ private:
     // How a turn's rounds came to an end.
     enum class Ending { complete, error, stopped, stoppedDuringTools, gone };
 
-    struct IdleAwaiter {
-        ChatSession* session;
-        bool await_ready() const noexcept { return !session->m_turnRunning; }
-        void await_suspend(std::coroutine_handle<> handle) {
-            session->m_completionWaiters.push_back(handle);
-        }
-        void await_resume() const noexcept {}
-    };
-
     QCoro::Task<Ending> runRounds(QUuid turnID, QString model, QList<ChatMessage> messages,
                                   TurnContext context, std::stop_token stop);
     QCoro::Task<void> finishTurn(QUuid turnID, Ending ending);
@@ -172,14 +164,12 @@ private:
     QHash<QUuid, TurnContext> m_turnContexts;
     // The running turn's handle: stop() fires it.
     std::stop_source m_streamStop;
-    std::vector<std::coroutine_handle<>> m_completionWaiters;
+    WaitList m_completionWaiters;
 
     ChatLoopSlots& m_slots;
     std::optional<QUuid> m_accountID;
     QPointer<AccountModel> m_accountModel;
     bool m_turnRunning = false;
-    // Waiters resume from the event loop, never inside the turn that ends.
-    QObject m_resumer;
 };
 
 } // namespace kestrolan

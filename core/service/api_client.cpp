@@ -120,11 +120,17 @@ QCoro::Task<void> APIClient::installToken(QString token) {
         co_await revoke(*previous);
 }
 
+QCoro::Task<PreparedRequest> APIClient::logoutRequest(QString token) {
+    auto prepared = co_await request(QStringLiteral("/api/logout"), "POST", {}, false);
+    prepared.request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
+    co_return prepared;
+}
+
 QCoro::Task<void> APIClient::revoke(QString token) {
     try {
-        auto prepared = co_await request(QStringLiteral("/api/logout"), "POST", {}, false);
-        prepared.request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
-        co_await data(std::move(prepared));
+        // The answer is not used: whether a newer sign-in arrived meanwhile does not matter.
+        auto prepared = co_await logoutRequest(token);
+        co_await perform(std::move(prepared), {});
     } catch (const std::exception& error) {
         qCWarning(serviceLog, "A token could not be revoked: %s", error.what());
     }
@@ -154,8 +160,7 @@ QCoro::Task<void> APIClient::logout(std::stop_token stop) {
             }
         }
         if (token) {
-            auto prepared = co_await request(QStringLiteral("/api/logout"), "POST", {}, false);
-            prepared.request.setRawHeader("Authorization", "Bearer " + token->toUtf8());
+            auto prepared = co_await logoutRequest(*token);
             prepared.token = token;
             prepared.epoch = epoch;
             // A 401 here is handled as on any request; a sign-in installed meanwhile does not

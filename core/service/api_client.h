@@ -121,6 +121,8 @@ private:
     };
 
     QCoro::Task<std::pair<std::optional<QString>, quint64>> readCredential();
+    // "/api/logout" with `token` as the bearer, whatever the token store holds.
+    QCoro::Task<PreparedRequest> logoutRequest(QString token);
     // data() without the check that the sign-in is still the one the request was made under.
     QCoro::Task<QByteArray> perform(PreparedRequest prepared, std::stop_token stop);
     QCoro::Task<void> observeStatus(int status, PreparedRequest prepared);

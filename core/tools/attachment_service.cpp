@@ -1,14 +1,13 @@
 #include "tools/attachment_service.h"
 
+#include "support/unique_fd.h"
 #include "tools/attachment_error.h"
 #include "tools/text_attachments.h"
 
 #include <QCoroFuture>
 #include <QFile>
-#include <QScopeGuard>
 #include <QStringDecoder>
 #include <QtConcurrent>
-#include <cerrno>
 #include <exception>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -26,14 +25,13 @@ WireAttachment readFile(const QUrl& url) {
     if (!url.isLocalFile())
         throw AttachmentError(Kind::unreadable, name);
     // Non-blocking, so that opening a FIFO returns at once; fstat then refuses it.
-    const int fd = ::open(QFile::encodeName(url.toLocalFile()).constData(),
-                          O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0)
+    const UniqueFd fd(::open(QFile::encodeName(url.toLocalFile()).constData(),
+                             O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    if (!fd.isValid())
         throw AttachmentError(Kind::unreadable, name);
-    const auto closing = qScopeGuard([fd] { ::close(fd); });
 
     struct stat status {};
-    if (::fstat(fd, &status) != 0)
+    if (::fstat(fd.get(), &status) != 0)
         throw AttachmentError(Kind::unreadable, name);
     if (!S_ISREG(status.st_mode))
         throw AttachmentError(Kind::notRegularFile, name);
@@ -42,17 +40,9 @@ WireAttachment readFile(const QUrl& url) {
 
     // One byte more than allowed tells a file that grew since fstat.
     QByteArray bytes(TextAttachments::maxFileBytes + 1, Qt::Uninitialized);
-    qsizetype length = 0;
-    while (length < bytes.size()) {
-        const ssize_t count = ::read(fd, bytes.data() + length, size_t(bytes.size() - length));
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            throw AttachmentError(Kind::unreadable, name);
-        if (count == 0)
-            break;
-        length += count;
-    }
+    const qsizetype length = fd.readAll(bytes.data(), bytes.size());
+    if (length < 0)
+        throw AttachmentError(Kind::unreadable, name);
     if (length > TextAttachments::maxFileBytes)
         throw AttachmentError(Kind::fileTooLarge, name);
     bytes.truncate(length);

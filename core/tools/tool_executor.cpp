@@ -181,7 +181,7 @@ QCoro::Task<ChatMessage> ToolExecutor::execute(ToolCall call, ServerOrigin origi
                                                WebBillingCallback onWebBilling) {
     const QPointer<ToolExecutor> alive(this);
     while (m_isExecuting)
-        co_await IdleAwaiter{this};
+        co_await m_idleWaiters.next();
 
     if (m_activities.size() >= maxCallsPerTurn)
         co_return toolMessage(call, ToolResult::failure(HarnessError(Kind::limit)));
@@ -354,7 +354,7 @@ void ToolExecutor::resolveApproval(bool allow, const QUuid& id) {
     m_timeout.reset();
     if (auto wait = std::exchange(m_approvalWait, nullptr)) {
         wait->answer = granted;
-        resumeLater(wait->handle);
+        resumeLater(m_resumer, wait->handle);
     }
     Q_EMIT pendingApprovalChanged();
 }
@@ -402,8 +402,7 @@ void ToolExecutor::finish(qsizetype index, const Outcome& outcome, const QElapse
         m_grant->policyRevision == revision)
         revoke();
     setExecuting(false);
-    for (const auto handle : std::exchange(m_idleWaiters, {}))
-        resumeLater(handle);
+    m_idleWaiters.resumeAll();
     if (m_clearWhenIdle) {
         m_clearWhenIdle = false;
         m_activities.clear();
@@ -452,7 +451,7 @@ void ToolExecutor::clear() {
 
 QCoro::Task<void> ToolExecutor::waitUntilIdle() {
     while (m_isExecuting)
-        co_await IdleAwaiter{this};
+        co_await m_idleWaiters.next();
 }
 
 void ToolExecutor::restoreLocalReadHistory(const SavedConversation& saved) {
@@ -491,11 +490,6 @@ void ToolExecutor::setHasExecutedLocalRead(bool executed) {
         return;
     m_hasExecutedLocalRead = executed;
     Q_EMIT hasExecutedLocalReadChanged(executed);
-}
-
-void ToolExecutor::resumeLater(std::coroutine_handle<> handle) {
-    QMetaObject::invokeMethod(
-        &m_resumer, [handle] { handle.resume(); }, Qt::QueuedConnection);
 }
 
 } // namespace kestrolan

@@ -3,6 +3,7 @@
 #include "conversation/chat_message.h"
 #include "service/billing_usage.h"
 #include "service/server_origin.h"
+#include "support/wait_list.h"
 #include "tools/local_access_grant.h"
 #include "tools/tool_activity.h"
 #include "tools/tool_approval.h"
@@ -134,14 +135,8 @@ private:
     struct NextTurn {
         ToolExecutor* executor;
         bool await_ready() const noexcept { return false; }
-        void await_suspend(std::coroutine_handle<> handle) { executor->resumeLater(handle); }
-        void await_resume() const noexcept {}
-    };
-    struct IdleAwaiter {
-        ToolExecutor* executor;
-        bool await_ready() const noexcept { return !executor->m_isExecuting; }
         void await_suspend(std::coroutine_handle<> handle) {
-            executor->m_idleWaiters.push_back(handle);
+            resumeLater(executor->m_resumer, handle);
         }
         void await_resume() const noexcept {}
     };
@@ -163,7 +158,6 @@ private:
     void setState(qsizetype index, ToolActivity::State state);
     void setExecuting(bool executing);
     void setHasExecutedLocalRead(bool executed);
-    void resumeLater(std::coroutine_handle<> handle);
 
     std::shared_ptr<const WebFetcher> m_fetcher;
     std::shared_ptr<ApprovalClock> m_clock;
@@ -185,7 +179,7 @@ private:
     // The grant's revision, or a fresh one whenever access is dropped: what web approvals are
     // asked under.
     QUuid m_policyRevision = QUuid::createUuid();
-    std::vector<std::coroutine_handle<>> m_idleWaiters;
+    WaitList m_idleWaiters;
     // Deferred resumptions go through this object, so they are dropped with the executor.
     QObject m_resumer;
     // Declared last: destroyed first, waiting for the job under way.

@@ -290,11 +290,9 @@ QString pageResult(const QUrl& url, long status, const QByteArray& contentTypeHe
     const auto type = parseContentType(contentTypeHeader);
     QString title;
     QString text;
+    // A body of a type that cannot be read was refused on its first bytes.
     if (!body.isEmpty()) {
-        const auto reading = readingFor(type.mediaType);
-        if (reading == Reading::refused)
-            throw WebFetchError(Kind::unsupportedContent);
-        if (reading == Reading::html) {
+        if (readingFor(type.mediaType) == Reading::html) {
             const auto charset = type.charset.isEmpty() ? declaredCharset(body) : type.charset;
             const auto encoding = encodingFor(charset);
             // gumbo reads UTF-8 and repairs it itself.
@@ -325,11 +323,11 @@ WebFetcher::WebFetcher(WebAddressPolicy policy)
 
 WebFetcher::WebFetcher(WebAddressPolicy policy, std::chrono::milliseconds deadline)
     : m_policy(std::move(policy))
-    , m_deadline(deadline) {
-    initializeCurl();
-}
+    , m_deadline(deadline) {}
 
 QString WebFetcher::fetch(const QString& url, const OperationCancellation& cancellation) const {
+    // Here, not in the constructor: every chat makes a fetcher, most never fetch.
+    initializeCurl();
     const auto deadline = Clock::now() + m_deadline;
     auto current = checkedAddress(QUrl(url.trimmed(), QUrl::StrictMode));
 

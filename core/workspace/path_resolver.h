@@ -1,7 +1,7 @@
 #pragma once
 
 #include "workspace/protected_paths.h"
-#include "workspace/unique_fd.h"
+#include "support/unique_fd.h"
 
 #include <QByteArray>
 #include <QList>

@@ -106,19 +106,10 @@ public:
             ++skippedLarge;
             return;
         }
-        qsizetype size = 0;
-        while (size < status.st_size) {
-            const ssize_t got =
-                ::read(fd.get(), m_buffer.data() + size, size_t(status.st_size - size));
-            if (got < 0 && errno == EINTR)
-                continue;
-            if (got < 0) {
-                ++skippedUnreadable;
-                return;
-            }
-            if (got == 0)
-                break;
-            size += got;
+        const qsizetype size = fd.readAll(m_buffer.data(), qsizetype(status.st_size));
+        if (size < 0) {
+            ++skippedUnreadable;
+            return;
         }
         const QByteArrayView bytes(m_buffer.constData(), size);
         if (FileDigest::looksBinary(bytes)) {

@@ -172,6 +172,14 @@ struct GroupKiller {
     }
 };
 
+// In a forked child: tells the parent it exists, by closing its copy of `ready`, then waits to
+// be killed.
+[[noreturn]] void holdUntilKilled(int ready) {
+    close(ready);
+    for (;;)
+        pause();
+}
+
 // Where a child that never stops for its parent reports its id before waiting for a signal.
 int neverStopReport = -1;
 
@@ -502,23 +510,13 @@ TEST(Runner, DescendantScanFollowsGrandchildrenInOnePass) {
     if (child == 0) {
         // child -> 2 grandchildren -> 1 great-grandchild under the first
         if (fork() == 0) {
-            if (fork() == 0) {
-                close(ready[1]);
-                pause();
-                _exit(0);
-            }
-            close(ready[1]);
-            pause();
-            _exit(0);
+            if (fork() == 0)
+                holdUntilKilled(ready[1]);
+            holdUntilKilled(ready[1]);
         }
-        if (fork() == 0) {
-            close(ready[1]);
-            pause();
-            _exit(0);
-        }
-        close(ready[1]);
-        pause();
-        _exit(0);
+        if (fork() == 0)
+            holdUntilKilled(ready[1]);
+        holdUntilKilled(ready[1]);
     }
     close(ready[1]);
     char byte;
@@ -553,18 +551,11 @@ TEST(Runner, ARecycledIdLendsNoChildrenToTheScan) {
     if (child == 0) {
         setpgid(0, 0);
         if (fork() == 0) {
-            if (fork() == 0) {
-                close(ready[1]);
-                pause();
-                _exit(0);
-            }
-            close(ready[1]);
-            pause();
-            _exit(0);
+            if (fork() == 0)
+                holdUntilKilled(ready[1]);
+            holdUntilKilled(ready[1]);
         }
-        close(ready[1]);
-        pause();
-        _exit(0);
+        holdUntilKilled(ready[1]);
     }
     close(ready[1]);
     char byte;

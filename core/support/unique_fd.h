@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QtGlobal>
+#include <cerrno>
 #include <unistd.h>
 #include <utility>
 
@@ -26,6 +28,22 @@ public:
 
     int get() const { return m_fd; }
     bool isValid() const { return m_fd >= 0; }
+    // Reads until end of file or until `capacity` bytes are in, retrying interrupted reads.
+    // Returns the bytes read, or -1 with errno set.
+    qsizetype readAll(char* into, qsizetype capacity) const {
+        qsizetype length = 0;
+        while (length < capacity) {
+            const ssize_t count = ::read(m_fd, into + length, size_t(capacity - length));
+            if (count < 0 && errno == EINTR)
+                continue;
+            if (count < 0)
+                return -1;
+            if (count == 0)
+                break;
+            length += count;
+        }
+        return length;
+    }
     void reset() {
         if (m_fd >= 0)
             ::close(m_fd);
