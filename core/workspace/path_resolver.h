@@ -1,7 +1,7 @@
 #pragma once
 
-#include "workspace/protected_paths.h"
 #include "support/unique_fd.h"
+#include "workspace/protected_paths.h"
 
 #include <QByteArray>
 #include <QList>
