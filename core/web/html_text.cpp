@@ -1,24 +1,33 @@
 #include "web/html_text.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
-#include <cstdlib>
-#include <gumbo.h>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <libxml/HTMLparser.h>
+#include <libxml/parserInternals.h>
 #include <memory>
+#include <simdjson.h>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace kestrolan {
 
 namespace {
 
-bool isAsciiSpace(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f';
-}
+constexpr auto asciiSpaces = [] {
+    std::array<bool, 256> spaces{};
+    for (const unsigned char c : {' ', '\t', '\n', '\r', '\f'})
+        spaces[c] = true;
+    return spaces;
+}();
 
-bool startsWith(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && text.substr(0, prefix.size()) == prefix;
+bool isAsciiSpace(char c) {
+    return asciiSpaces[static_cast<unsigned char>(c)];
 }
 
 std::string lowered(std::string_view text) {
@@ -31,81 +40,121 @@ std::string lowered(std::string_view text) {
     return result;
 }
 
-// Elements whose content is never page text.
-bool isDropped(GumboTag tag) {
-    switch (tag) {
-    case GUMBO_TAG_SCRIPT:
-    case GUMBO_TAG_STYLE:
-    case GUMBO_TAG_TEMPLATE:
-    case GUMBO_TAG_NOSCRIPT:
-    case GUMBO_TAG_IFRAME:
-    case GUMBO_TAG_OBJECT:
-    case GUMBO_TAG_SVG:
-    case GUMBO_TAG_MATH:
-        return true;
-    default:
-        return false;
-    }
+std::string_view view(const xmlChar* text) {
+    return text ? std::string_view(reinterpret_cast<const char*>(text)) : std::string_view();
 }
 
-bool isBlock(GumboTag tag) {
-    switch (tag) {
-    case GUMBO_TAG_ADDRESS:
-    case GUMBO_TAG_ARTICLE:
-    case GUMBO_TAG_ASIDE:
-    case GUMBO_TAG_BLOCKQUOTE:
-    case GUMBO_TAG_BODY:
-    case GUMBO_TAG_CAPTION:
-    case GUMBO_TAG_DD:
-    case GUMBO_TAG_DETAILS:
-    case GUMBO_TAG_DIV:
-    case GUMBO_TAG_DL:
-    case GUMBO_TAG_DT:
-    case GUMBO_TAG_FIELDSET:
-    case GUMBO_TAG_FIGCAPTION:
-    case GUMBO_TAG_FIGURE:
-    case GUMBO_TAG_FOOTER:
-    case GUMBO_TAG_FORM:
-    case GUMBO_TAG_H1:
-    case GUMBO_TAG_H2:
-    case GUMBO_TAG_H3:
-    case GUMBO_TAG_H4:
-    case GUMBO_TAG_H5:
-    case GUMBO_TAG_H6:
-    case GUMBO_TAG_HEADER:
-    case GUMBO_TAG_HR:
-    case GUMBO_TAG_LEGEND:
-    case GUMBO_TAG_LI:
-    case GUMBO_TAG_MAIN:
-    case GUMBO_TAG_NAV:
-    case GUMBO_TAG_OL:
-    case GUMBO_TAG_P:
-    case GUMBO_TAG_PRE:
-    case GUMBO_TAG_SECTION:
-    case GUMBO_TAG_SUMMARY:
-    case GUMBO_TAG_TABLE:
-    case GUMBO_TAG_TR:
-    case GUMBO_TAG_UL:
-        return true;
-    default:
-        return false;
-    }
-}
+enum Kind : std::uint16_t {
+    dropped = 1 << 0,     // content is never page text
+    block = 1 << 1,       // ends a line before and after
+    foreign = 1 << 2,     // SVG and MathML roots
+    leaves = 1 << 3,      // an HTML element that ends foreign content it appears in
+    integration = 1 << 4, // foreign elements whose content is HTML again
+    title = 1 << 5,
+    anchor = 1 << 6,
+    pre = 1 << 7,
+    lineBreak = 1 << 8,
+    cell = 1 << 9,
+};
 
-std::string_view attribute(const GumboElement& element, const char* name) {
-    const auto* found = gumbo_get_attribute(&element.attributes, name);
-    return found ? std::string_view(found->value) : std::string_view();
-}
+struct Named {
+    std::string_view name;
+    std::uint16_t kind;
+};
 
-// Hidden by the page itself: what a reader never sees is no text of the page.
-bool isHidden(const GumboElement& element) {
-    if (gumbo_get_attribute(&element.attributes, "hidden"))
-        return true;
-    if (lowered(attribute(element, "aria-hidden")) == "true")
-        return true;
-    const auto style = lowered(attribute(element, "style"));
-    return style.find("display:none") != std::string::npos ||
-           style.find("visibility:hidden") != std::string::npos;
+// Sorted by name. The parser reports names in lower case.
+constexpr Named kinds[] = {
+    {"a", anchor},
+    {"address", block},
+    {"annotation-xml", integration},
+    {"article", block},
+    {"aside", block},
+    {"b", leaves},
+    {"big", leaves},
+    {"blockquote", block | leaves},
+    {"body", block | leaves},
+    {"br", lineBreak | leaves},
+    {"caption", block},
+    {"center", leaves},
+    {"code", leaves},
+    {"dd", block | leaves},
+    {"desc", integration},
+    {"details", block},
+    {"div", block | leaves},
+    {"dl", block | leaves},
+    {"dt", block | leaves},
+    {"em", leaves},
+    {"embed", leaves},
+    {"fieldset", block},
+    {"figcaption", block},
+    {"figure", block},
+    {"footer", block},
+    {"foreignobject", integration},
+    {"form", block},
+    {"h1", block | leaves},
+    {"h2", block | leaves},
+    {"h3", block | leaves},
+    {"h4", block | leaves},
+    {"h5", block | leaves},
+    {"h6", block | leaves},
+    {"head", leaves},
+    {"header", block},
+    {"hr", block | leaves},
+    {"i", leaves},
+    {"iframe", dropped},
+    {"img", leaves},
+    {"legend", block},
+    {"li", block | leaves},
+    {"listing", leaves},
+    {"main", block},
+    {"math", dropped | foreign},
+    {"menu", leaves},
+    {"meta", leaves},
+    {"mi", integration},
+    {"mn", integration},
+    {"mo", integration},
+    {"ms", integration},
+    {"mtext", integration},
+    {"nav", block},
+    {"nobr", leaves},
+    {"noscript", dropped},
+    {"object", dropped},
+    {"ol", block | leaves},
+    {"p", block | leaves},
+    {"pre", block | pre | leaves},
+    {"ruby", leaves},
+    {"s", leaves},
+    {"script", dropped},
+    {"section", block},
+    {"small", leaves},
+    {"span", leaves},
+    {"strike", leaves},
+    {"strong", leaves},
+    {"style", dropped},
+    {"sub", leaves},
+    {"summary", block},
+    {"sup", leaves},
+    {"svg", dropped | foreign},
+    {"table", block | leaves},
+    {"td", cell},
+    {"template", dropped},
+    {"th", cell},
+    {"title", title | integration},
+    {"tr", block},
+    {"tt", leaves},
+    {"u", leaves},
+    {"ul", block | leaves},
+    {"var", leaves},
+};
+
+static_assert(std::is_sorted(std::begin(kinds), std::end(kinds),
+                             [](const Named& a, const Named& b) { return a.name < b.name; }));
+
+std::uint16_t kindOf(std::string_view name) {
+    const auto found =
+        std::lower_bound(std::begin(kinds), std::end(kinds), name,
+                         [](const Named& entry, std::string_view key) { return entry.name < key; });
+    return found != std::end(kinds) && found->name == name ? found->kind : 0;
 }
 
 // Collects text with collapsed white space: separators are held back until the next visible
@@ -115,21 +164,29 @@ public:
     explicit TextWriter(std::size_t capacity) { m_out.reserve(capacity); }
 
     void text(std::string_view text) {
-        for (const char c : text) {
-            if (isAsciiSpace(c)) {
+        m_afterCr = false;
+        const char* at = text.data();
+        const char* const end = at + text.size();
+        while (at < end) {
+            if (isAsciiSpace(*at)) {
                 m_space = true;
-            } else {
-                flush();
-                m_out.push_back(c);
+                ++at;
+                continue;
             }
+            const char* const run = at;
+            while (at < end && !isAsciiSpace(*at))
+                ++at;
+            flush();
+            m_out.append(run, std::size_t(at - run));
         }
     }
 
-    // Inside <pre>: white space kept as written, CR LF as LF.
+    // Inside <pre>: white space kept as written, CR LF and CR as LF (a pair may be split
+    // between two calls).
     void preformatted(std::string_view text) {
-        for (std::size_t i = 0; i < text.size(); ++i) {
-            const char c = text[i];
-            if (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n')
+        for (const char c : text) {
+            const bool afterCr = std::exchange(m_afterCr, c == '\r');
+            if (c == '\n' && afterCr)
                 continue;
             flush();
             m_out.push_back(c == '\r' ? '\n' : c);
@@ -139,10 +196,12 @@ public:
     void blockBoundary() {
         m_breaks = std::max(m_breaks, 1);
         m_space = false;
+        m_afterCr = false;
     }
     void lineBreak() {
         m_breaks = std::min(m_breaks + 1, 2);
         m_space = false;
+        m_afterCr = false;
     }
     void space() { m_space = true; }
 
@@ -154,7 +213,7 @@ public:
             written.remove_prefix(1);
         return written;
     }
-    std::string take() { return std::move(m_out); }
+    QString toString() const { return QString::fromUtf8(m_out.data(), qsizetype(m_out.size())); }
 
 private:
     void flush() {
@@ -171,6 +230,7 @@ private:
     std::string m_out;
     int m_breaks = 0;
     bool m_space = false;
+    bool m_afterCr = false;
 };
 
 // The target to show after a link's text, or nothing for links that lead nowhere useful.
@@ -184,8 +244,8 @@ std::string linkTarget(std::string_view href, const QUrl& base) {
     const auto scheme = lowered(href.substr(0, 8));
     const bool plain =
         std::none_of(href.begin(), href.end(), [](char c) { return uchar(c) <= ' ' || c == 0x7f; });
-    if (plain && (startsWith(scheme, "http://") || startsWith(scheme, "https://") ||
-                  startsWith(scheme, "mailto:")))
+    if (plain && (scheme.starts_with("http://") || scheme.starts_with("https://") ||
+                  scheme.starts_with("mailto:")))
         return std::string(href);
     // Relative, or with white space that the URL encodes: only what resolves to a web
     // address is worth showing.
@@ -199,298 +259,308 @@ std::string linkTarget(std::string_view href, const QUrl& base) {
     return resolved.toEncoded().toStdString();
 }
 
-std::string collapsed(const GumboNode& node) {
-    TextWriter writer(64);
-    for (unsigned i = 0; i < node.v.element.children.length; ++i) {
-        const auto* child = static_cast<const GumboNode*>(node.v.element.children.data[i]);
-        if (child->type == GUMBO_NODE_TEXT || child->type == GUMBO_NODE_WHITESPACE)
-            writer.text(child->v.text.text);
-    }
-    return writer.take();
-}
-
-// Elements that hold nothing open: void ones, and those their next sibling closes.
-bool opensNoLevel(std::string_view name) {
-    static constexpr std::string_view names[] = {
-        "area",   "base",     "br",     "col",   "embed", "hr",    "img",   "input", "link",
-        "meta",   "param",    "source", "track", "wbr",   "p",     "li",    "dd",    "dt",
-        "option", "optgroup", "tr",     "td",    "th",    "tbody", "thead", "tfoot", "colgroup",
-        "rb",     "rt",       "rp",     "rtc",   "html",  "head",  "body"};
-    return std::find(std::begin(names), std::end(names), name) != std::end(names);
-}
-
-// Elements whose content is text up to their own end tag.
-bool holdsRawText(std::string_view name) {
-    return name == "script" || name == "style" || name == "textarea" || name == "title" ||
-           name == "xmp" || name == "iframe" || name == "noembed" || name == "noframes";
-}
-
-// HTML elements that end SVG or MathML content they appear in.
-bool leavesForeignContent(std::string_view name) {
-    static constexpr std::string_view names[] = {
-        "b",      "big",  "blockquote", "body",  "br",   "center", "code",    "dd",   "div",
-        "dl",     "dt",   "em",         "embed", "h1",   "h2",     "h3",      "h4",   "h5",
-        "h6",     "head", "hr",         "i",     "img",  "li",     "listing", "menu", "meta",
-        "nobr",   "ol",   "p",          "pre",   "ruby", "s",      "small",   "span", "strong",
-        "strike", "sub",  "sup",        "table", "tt",   "u",      "ul",      "var"};
-    return std::find(std::begin(names), std::end(names), name) != std::end(names);
-}
-
-constexpr int maxNesting = 512;
-
-// gumbo walks the open elements for many start tags, so its time grows with nesting times
-// length: a page of nothing but <div> would take minutes. Browsers stop nesting at 512; here
-// the page is cut where an estimate of its nesting first passes that. End tags count only
-// against start tags of the same name, so stray end tags cannot hide the depth.
-std::size_t nestingBound(std::string_view html) {
-    std::vector<std::pair<std::string, int>> open;
-    int depth = 0;
-    int foreign = 0; // open <svg> and <math> elements
-    std::size_t at = 0;
-    const auto nameAt = [&](std::size_t from) {
-        std::string name;
-        while (from < html.size() && name.size() < 16 &&
-               (std::isalnum(uchar(html[from])) || html[from] == '-'))
-            name.push_back(char(std::tolower(uchar(html[from++]))));
-        return name;
-    };
-    while ((at = html.find('<', at)) != std::string_view::npos) {
-        const auto start = at;
-        if (html.substr(at, 4) == "<!--") {
-            const auto end = html.find("-->", at + 4);
-            if (end == std::string_view::npos)
-                break;
-            at = end + 3;
-            continue;
-        }
-        const bool closing = at + 1 < html.size() && html[at + 1] == '/';
-        const auto name = nameAt(at + (closing ? 2 : 1));
-        // The end of the tag, past any quoted attribute values.
-        char quote = 0;
-        for (++at; at < html.size(); ++at) {
-            const char c = html[at];
-            if (quote) {
-                if (c == quote)
-                    quote = 0;
-            } else if (c == '"' || c == '\'') {
-                quote = c;
-            } else if (c == '>') {
-                break;
-            }
-        }
-        if (at >= html.size())
-            break;
-        if (name.empty() || opensNoLevel(name))
-            continue;
-        auto counter = std::find_if(open.begin(), open.end(),
-                                    [&](const auto& entry) { return entry.first == name; });
-        if (closing) {
-            if ((name == "svg" || name == "math") && foreign > 0)
-                --foreign;
-            if (counter != open.end() && counter->second > 0) {
-                --counter->second;
-                --depth;
-            }
-            continue;
-        }
-        const bool foreignName = name == "svg" || name == "math";
-        if (foreign > 0 && leavesForeignContent(name))
-            foreign = 0;
-        // "/>" closes an element only inside SVG and MathML; an HTML parser ignores it.
-        if (html[at - 1] == '/' && foreign > 0)
-            continue;
-        if (foreignName && html[at - 1] != '/')
-            ++foreign;
-        if (holdsRawText(name)) {
-            // Up to the matching end tag, whatever it contains.
-            auto end = at;
-            for (;;) {
-                end = html.find("</", end);
-                if (end == std::string_view::npos || nameAt(end + 2) == name)
-                    break;
-                end += 2;
-            }
-            if (end == std::string_view::npos)
-                break;
-            at = end;
-            continue;
-        }
-        if (++depth > maxNesting)
-            return start;
-        if (counter == open.end())
-            open.emplace_back(name, 1);
-        else
-            ++counter->second;
-    }
-    return html.size();
-}
+// Browsers stop nesting at 512 as well; past it a page is not worth reading, and the parser's
+// end tag handling walks the open elements.
+constexpr std::size_t maxNesting = 512;
+constexpr std::size_t none = std::size_t(-1);
 
 struct Frame {
-    const GumboNode* node;
-    unsigned next = 0;
-    std::size_t start = 0; // output size when the element began, for links
+    std::uint16_t kind;
+    bool shown;        // opened outside dropped content, so its effects on the text apply
+    std::size_t start; // output size when the element began, for links
+    std::string href;
 };
 
-void* allocate(void*, size_t size) {
-    return std::malloc(size);
-}
+// Follows the parser's events, one frame per open element, the same stack the parser keeps.
+class Reader {
+public:
+    Reader(htmlParserCtxtPtr context, std::size_t capacity, const QUrl& base)
+        : m_context(context)
+        , m_text(capacity)
+        , m_title(64)
+        , m_base(base) {}
 
-void deallocate(void*, void* pointer) {
-    std::free(pointer);
-}
-
-GumboVector* childrenOf(GumboNode* node) {
-    switch (node->type) {
-    case GUMBO_NODE_DOCUMENT:
-        return &node->v.document.children;
-    case GUMBO_NODE_ELEMENT:
-    case GUMBO_NODE_TEMPLATE:
-        return &node->v.element.children;
-    default:
-        return nullptr;
+    static void startElement(void* self, const xmlChar* name, const xmlChar** attributes) {
+        static_cast<Reader*>(self)->start(name, attributes);
     }
-}
+    static void endElement(void* self, const xmlChar*) { static_cast<Reader*>(self)->end(); }
+    static void characters(void* self, const xmlChar* text, int length) {
+        static_cast<Reader*>(self)->write(
+            std::string_view(reinterpret_cast<const char*>(text), std::size_t(length)));
+    }
 
-// gumbo frees its tree recursively, one stack frame per level. Before a deep tree is freed,
-// every node is hung directly under the document, so that no path is longer than two.
-void flatten(GumboOutput* output) {
-    std::vector<GumboNode*> nodes;
-    std::vector<GumboNode*> pending{output->document};
-    while (!pending.empty()) {
-        auto* node = pending.back();
-        pending.pop_back();
-        auto* children = childrenOf(node);
-        if (!children)
-            continue;
-        for (unsigned i = 0; i < children->length; ++i) {
-            auto* child = static_cast<GumboNode*>(children->data[i]);
-            nodes.push_back(child);
-            pending.push_back(child);
+    // Ends what is still open, after the parser was stopped.
+    void finish() {
+        m_stopped = true;
+        while (!m_stack.empty())
+            close();
+    }
+
+    bool truncated() const { return m_truncated; }
+    HtmlText result() const { return HtmlText{m_title.toString(), m_text.toString(), m_truncated}; }
+
+private:
+    void start(const xmlChar* name, const xmlChar** attributes) {
+        if (m_stopped)
+            return;
+        m_leadingNewline = false;
+        if (m_stack.size() >= maxNesting) {
+            m_truncated = true;
+            m_stopped = true;
+            xmlStopParser(m_context);
+            return;
         }
-        children->length = 0;
+        const auto kind = kindFor(name);
+        if ((kind & leaves) && m_dropFrom != none && (m_stack[m_dropFrom].kind & foreign) &&
+            !inIntegrationPoint())
+            m_dropFrom = none; // an unclosed <svg> or <math> ends where HTML resumes
+        Frame frame{kind, m_dropFrom == none && m_titleFrom == none, m_text.size(), {}};
+        if (frame.shown) {
+            bool hidden = false;
+            for (auto* attribute = attributes; attribute && attribute[0]; attribute += 2) {
+                const auto attributeName = view(attribute[0]);
+                const auto value = view(attribute[1]);
+                if (attributeName == "hidden")
+                    hidden = true;
+                else if (attributeName == "aria-hidden")
+                    hidden = hidden || lowered(value) == "true";
+                else if (attributeName == "style") {
+                    const auto style = lowered(value);
+                    hidden = hidden || style.find("display:none") != std::string::npos ||
+                             style.find("visibility:hidden") != std::string::npos;
+                } else if (attributeName == "href" && (kind & anchor))
+                    frame.href = value;
+            }
+            if (kind & title) {
+                // Only the first title names the page; it is never part of the text.
+                frame.shown = false;
+                if (!m_haveTitle) {
+                    m_haveTitle = true;
+                    m_titleFrom = m_stack.size();
+                } else {
+                    m_dropFrom = m_stack.size();
+                }
+            } else if ((kind & dropped) || hidden) {
+                frame.shown = false;
+                m_dropFrom = m_stack.size();
+            }
+        }
+        if (frame.shown) {
+            if (kind & lineBreak)
+                m_text.lineBreak();
+            if (kind & block)
+                m_text.blockBoundary();
+            if (kind & pre) {
+                ++m_preDepth;
+                m_leadingNewline = true;
+            }
+        }
+        m_stack.push_back(std::move(frame));
     }
-    auto& top = output->document->v.document.children;
-    auto* data = static_cast<void**>(allocate(nullptr, nodes.size() * sizeof(void*)));
-    if (!data)
-        qFatal("out of memory");
-    std::copy(nodes.begin(), nodes.end(), data);
-    deallocate(nullptr, top.data);
-    top.data = data;
-    top.length = top.capacity = unsigned(nodes.size());
-}
 
-GumboOptions parseOptions() {
-    GumboOptions options = kGumboDefaultOptions;
-    // Known allocation functions, so that flatten() may replace one of gumbo's arrays.
-    options.allocator = &allocate;
-    options.deallocator = &deallocate;
-    options.max_errors = 0; // the parse errors are of no use here; do not keep them
-    return options;
-}
-
-// Deeper trees than this are flattened before gumbo frees them.
-constexpr std::size_t deepTree = 256;
-
-struct OutputDeleter {
-    std::size_t depth = 0;
-    void operator()(GumboOutput* output) const {
-        if (depth > deepTree)
-            flatten(output);
-        const auto options = parseOptions();
-        gumbo_destroy_output(&options, output);
+    void end() {
+        if (!m_stopped)
+            close();
     }
+
+    void close() {
+        if (m_stack.empty())
+            return;
+        m_leadingNewline = false;
+        const auto& frame = m_stack.back();
+        const auto depth = m_stack.size() - 1;
+        if (m_dropFrom == depth)
+            m_dropFrom = none;
+        if (m_titleFrom == depth)
+            m_titleFrom = none;
+        if (frame.shown) {
+            if ((frame.kind & anchor) && m_text.size() > frame.start) {
+                const auto target = linkTarget(frame.href, m_base);
+                if (!target.empty() && m_text.since(frame.start) != target) {
+                    m_text.space();
+                    m_text.text("(");
+                    m_text.preformatted(target);
+                    m_text.preformatted(")");
+                }
+            }
+            if (frame.kind & pre)
+                --m_preDepth;
+            if (frame.kind & block)
+                m_text.blockBoundary();
+            else if (frame.kind & cell)
+                m_text.space();
+        }
+        m_stack.pop_back();
+    }
+
+    void write(std::string_view text) {
+        if (m_stopped)
+            return;
+        if (m_titleFrom != none) {
+            m_title.text(text);
+            return;
+        }
+        if (m_dropFrom != none)
+            return;
+        if (m_preDepth == 0) {
+            m_text.text(text);
+            return;
+        }
+        // A newline right after <pre> is markup, not text.
+        if (m_leadingNewline && !text.empty()) {
+            m_leadingNewline = false;
+            if (text.starts_with("\r\n"))
+                text.remove_prefix(2);
+            else if (text.front() == '\n' || text.front() == '\r')
+                text.remove_prefix(1);
+        }
+        m_text.preformatted(text);
+    }
+
+    // The parser keeps one copy of each name for the whole page, so its address is its key.
+    std::uint16_t kindFor(const xmlChar* name) {
+        auto& slot = m_kinds[(reinterpret_cast<std::uintptr_t>(name) >> 3) % m_kinds.size()];
+        if (slot.first != name)
+            slot = {name, kindOf(view(name))};
+        return slot.second;
+    }
+
+    bool inIntegrationPoint() const {
+        for (auto i = m_dropFrom + 1; i < m_stack.size(); ++i) {
+            if (m_stack[i].kind & integration)
+                return true;
+        }
+        return false;
+    }
+
+    htmlParserCtxtPtr m_context;
+    TextWriter m_text;
+    TextWriter m_title;
+    const QUrl& m_base;
+    std::vector<Frame> m_stack;
+    std::array<std::pair<const xmlChar*, std::uint16_t>, 64> m_kinds{};
+    std::size_t m_dropFrom = none;  // the frame that hides everything within it
+    std::size_t m_titleFrom = none; // the page title's frame while it is read
+    int m_preDepth = 0;
+    bool m_haveTitle = false;
+    bool m_leadingNewline = false;
+    bool m_truncated = false;
+    bool m_stopped = false;
 };
+
+void ignoreError(void*, xmlErrorPtr) {}
+
+void initialiseParser() {
+    // Once per process, before any parse: the library's own set-up is not thread-safe.
+    static const bool initialised = [] {
+        xmlInitParser();
+        return true;
+    }();
+    Q_UNUSED(initialised);
+}
+
+struct ContextDeleter {
+    void operator()(htmlParserCtxtPtr context) const { htmlFreeParserCtxt(context); }
+};
+
+// The parser checks each attribute of a tag against all before it, so one tag with a hundred
+// thousand of them would take minutes. Returns where the first tag with more than this many
+// begins, reading tags as the parser does: a quote opens a value only right after '=', and a
+// tag ends at the first '>' outside a value.
+constexpr int maxAttributes = 256;
+
+std::size_t attributeFlood(std::string_view html) {
+    const auto size = html.size();
+    std::size_t at = 0;
+    while ((at = html.find('<', at)) != std::string_view::npos) {
+        const auto start = at++;
+        if (at >= size || !std::isalpha(static_cast<unsigned char>(html[at])))
+            continue;
+        int attributes = 0;
+        bool inToken = true; // the tag's name comes first
+        while (at < size && html[at] != '>') {
+            const char c = html[at];
+            if (isAsciiSpace(c)) {
+                inToken = false;
+                ++at;
+            } else if (c == '=') {
+                ++at;
+                while (at < size && isAsciiSpace(html[at]))
+                    ++at;
+                if (at < size && (html[at] == '"' || html[at] == '\'')) {
+                    const auto close = html.find(html[at], at + 1);
+                    if (close == std::string_view::npos)
+                        return size; // the rest is one unfinished value, to the parser too
+                    at = close + 1;
+                }
+                inToken = true;
+            } else {
+                if (!inToken && ++attributes > maxAttributes)
+                    return start;
+                inToken = true;
+                ++at;
+            }
+        }
+    }
+    return size;
+}
+
+// The parser takes invalid UTF-8 byte by byte and stops at a NUL inside a tag; such a page is
+// read as the decoder repairs it, with U+FFFD for each NUL.
+QByteArray repaired(QByteArrayView html) {
+    auto text = QString::fromUtf8(html);
+    text.replace(QChar(u'\0'), QChar(QChar::ReplacementCharacter));
+    return text.toUtf8();
+}
 
 } // namespace
 
 HtmlText HtmlText::fromHtml(QByteArrayView html, const QUrl& base) {
-    const std::string_view source(html.data(), std::size_t(html.size()));
-    const auto usable = nestingBound(source);
-    const auto options = parseOptions();
-    std::unique_ptr<GumboOutput, OutputDeleter> output(
-        gumbo_parse_with_options(&options, source.data(), usable));
-
-    TextWriter writer(std::size_t(html.size()) / 3);
-    std::string title;
-    bool haveTitle = false;
-    int preDepth = 0;
-
-    // An explicit stack: page nesting is the page's choice, the thread's stack is not.
-    std::vector<Frame> stack;
-    stack.push_back(Frame{output->root});
-    while (!stack.empty()) {
-        auto& frame = stack.back();
-        const GumboNode& node = *frame.node;
-        const auto& element = node.v.element;
-        if (frame.next < element.children.length) {
-            const auto* child = static_cast<const GumboNode*>(element.children.data[frame.next++]);
-            switch (child->type) {
-            case GUMBO_NODE_TEXT:
-            case GUMBO_NODE_WHITESPACE:
-            case GUMBO_NODE_CDATA:
-                if (preDepth > 0)
-                    writer.preformatted(child->v.text.text);
-                else
-                    writer.text(child->v.text.text);
-                break;
-            case GUMBO_NODE_ELEMENT: {
-                const auto& childElement = child->v.element;
-                const auto tag = childElement.tag;
-                // Foreign content only ever sits inside <svg> and <math>, which are dropped.
-                if (childElement.tag_namespace != GUMBO_NAMESPACE_HTML)
-                    break;
-                if (tag == GUMBO_TAG_TITLE) {
-                    if (!haveTitle) {
-                        title = collapsed(*child);
-                        haveTitle = true;
-                    }
-                    break;
-                }
-                if (isDropped(tag) || isHidden(childElement))
-                    break;
-                if (tag == GUMBO_TAG_BR) {
-                    writer.lineBreak();
-                    break;
-                }
-                if (isBlock(tag))
-                    writer.blockBoundary();
-                if (tag == GUMBO_TAG_PRE)
-                    ++preDepth;
-                stack.push_back(Frame{child, 0, writer.size()});
-                output.get_deleter().depth = std::max(output.get_deleter().depth, stack.size());
-                break;
-            }
-            default: // comments, documents and templates
-                break;
-            }
-            continue;
-        }
-
-        // The element is complete.
-        const auto tag = element.tag;
-        if (node.type == GUMBO_NODE_ELEMENT) {
-            if (tag == GUMBO_TAG_A && writer.size() > frame.start) {
-                const auto target = linkTarget(attribute(element, "href"), base);
-                if (!target.empty() && writer.since(frame.start) != target) {
-                    writer.space();
-                    writer.text("(");
-                    writer.preformatted(target);
-                    writer.preformatted(")");
-                }
-            }
-            if (tag == GUMBO_TAG_PRE)
-                --preDepth;
-            if (isBlock(tag))
-                writer.blockBoundary();
-            else if (tag == GUMBO_TAG_TD || tag == GUMBO_TAG_TH)
-                writer.space();
-        }
-        stack.pop_back();
+    initialiseParser();
+    QByteArray repairedHtml;
+    if (!simdjson::validate_utf8(html.data(), std::size_t(html.size())) ||
+        std::memchr(html.data(), 0, std::size_t(html.size()))) {
+        repairedHtml = repaired(html);
+        html = repairedHtml;
     }
+    const auto usable =
+        std::min(attributeFlood(std::string_view(html.data(), std::size_t(html.size()))),
+                 std::size_t(INT_MAX));
+    const bool cut = usable < std::size_t(html.size());
+    html.truncate(qsizetype(usable));
+    if (html.isEmpty())
+        return HtmlText{{}, {}, cut};
 
-    const auto text = writer.take();
-    return HtmlText{QString::fromUtf8(title.data(), qsizetype(title.size())),
-                    QString::fromUtf8(text.data(), qsizetype(text.size())), usable < source.size()};
+    std::unique_ptr<htmlParserCtxt, ContextDeleter> context(
+        htmlCreateMemoryParserCtxt(html.data(), int(html.size())));
+    if (!context)
+        qFatal("out of memory");
+    Reader reader(context.get(), std::size_t(html.size()) / 3, base);
+
+    xmlSAXHandler handler{};
+    handler.startElement = &Reader::startElement;
+    handler.endElement = &Reader::endElement;
+    handler.characters = &Reader::characters;
+    handler.ignorableWhitespace = &Reader::characters;
+    // No CDATA handler: script and style content arrives that way, and is never text.
+    // The page's errors go to this context's own handler, never to the console or to a handler
+    // set for the whole process.
+    handler.initialized = XML_SAX2_MAGIC;
+    handler.serror = &ignoreError;
+    *context->sax = handler;
+    context->userData = &reader;
+    htmlCtxtUseOptions(context.get(), HTML_PARSE_RECOVER | HTML_PARSE_NOERROR |
+                                          HTML_PARSE_NOWARNING | HTML_PARSE_NONET |
+                                          HTML_PARSE_NOIMPLIED | HTML_PARSE_IGNORE_ENC);
+    // Read as UTF-8 whatever the page declares: it arrives here as UTF-8. Without this the
+    // parser guesses from the page's own declaration at the first non-ASCII byte.
+    context->charset = XML_CHAR_ENCODING_UTF8;
+    htmlParseDocument(context.get());
+    reader.finish();
+
+    auto result = reader.result();
+    result.truncated = result.truncated || cut;
+    return result;
 }
 
 } // namespace kestrolan

@@ -10,7 +10,8 @@ namespace kestrolan {
 struct HtmlText {
     QString title;
     QString text;
-    // Markup nested too deeply to be read in reasonable time was left out, and all after it.
+    // Markup too deeply nested or with too many attributes to be read in reasonable time was
+    // left out, and all after it.
     bool truncated = false;
 
     // `html` is UTF-8 (invalid sequences are repaired). Scripts, styles, templates and hidden

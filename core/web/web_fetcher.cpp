@@ -295,7 +295,7 @@ QString pageResult(const QUrl& url, long status, const QByteArray& contentTypeHe
         if (readingFor(type.mediaType) == Reading::html) {
             const auto charset = type.charset.isEmpty() ? declaredCharset(body) : type.charset;
             const auto encoding = encodingFor(charset);
-            // gumbo reads UTF-8 and repairs it itself.
+            // The HTML reader takes UTF-8 and repairs it itself.
             auto page = encoding == QStringConverter::Utf8
                             ? HtmlText::fromHtml(body, url)
                             : HtmlText::fromHtml(decoded(body, encoding).toUtf8(), url);
