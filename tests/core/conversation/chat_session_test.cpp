@@ -1,184 +1,11 @@
-#include "account/account_model.h"
-#include "account/catalog_store.h"
-#include "conversation/chat_session.h"
-#include "memory_token_store.h"
-#include "platform/settings_defaults.h"
-#include "qstring_printer.h"
-#include "run_task.h"
-#include "service/api_client.h"
-#include "test_http_server.h"
-#include "workspace/workspace.h"
-
-#include <QDir>
-#include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QTemporaryDir>
-#include <deque>
-#include <gtest/gtest.h>
-#include <mutex>
+#include "chat_session_fixture.h"
+#include "tools/web_tool_settings.h"
 
 using namespace kestrolan;
 using namespace kestrolan::test;
-using namespace std::chrono_literals;
-using namespace Qt::StringLiterals;
+using namespace kestrolan::test::chat;
 
 namespace {
-
-const QString kModel = QStringLiteral("kestrolan/tools");
-
-QByteArray frame(const QJsonObject& object) {
-    return "data: " + QJsonDocument(object).toJson(QJsonDocument::Compact) + "\n\n";
-}
-
-QByteArray delta(const QJsonObject& delta) {
-    return frame(
-        {{QStringLiteral("choices"), QJsonArray{QJsonObject{{QStringLiteral("delta"), delta}}}}});
-}
-
-QByteArray text(const QString& content) {
-    return delta({{QStringLiteral("content"), content}});
-}
-
-QByteArray finish(const QString& reason) {
-    return frame({{QStringLiteral("choices"),
-                   QJsonArray{QJsonObject{{QStringLiteral("delta"), QJsonObject()},
-                                          {QStringLiteral("finish_reason"), reason}}}}});
-}
-
-// One read_file call per path, in index order.
-QByteArray readCalls(const QStringList& paths, const QString& idPrefix) {
-    QJsonArray calls;
-    for (qsizetype i = 0; i < paths.size(); ++i) {
-        const QString arguments =
-            QString::fromUtf8(QJsonDocument(QJsonObject{{QStringLiteral("path"), paths[i]}})
-                                  .toJson(QJsonDocument::Compact));
-        calls.append(QJsonObject{
-            {QStringLiteral("index"), int(i)},
-            {QStringLiteral("id"), QString(idPrefix + QString::number(i))},
-            {QStringLiteral("type"), QStringLiteral("function")},
-            {QStringLiteral("function"), QJsonObject{{QStringLiteral("name"), u"read_file"_s},
-                                                     {QStringLiteral("arguments"), arguments}}}});
-    }
-    return delta({{QStringLiteral("tool_calls"), calls}});
-}
-
-QByteArray billing(const char* charged) {
-    return QByteArray("event: kestrolan.billing\ndata: {\"prompt_tokens\":10,\"completion_tokens\":"
-                      "2,\"charged_usd\":\"") +
-           charged + "\",\"state\":\"settled\"}\n\n";
-}
-
-const QByteArray kDone = "data: [DONE]\n\n";
-
-QByteArray answer(const QString& content, const char* charged) {
-    return text(content) + finish(QStringLiteral("stop")) + billing(charged) + kDone;
-}
-
-QByteArray toolRound(const QString& content, const QStringList& paths, const QString& idPrefix,
-                     const char* charged) {
-    return text(content) + readCalls(paths, idPrefix) + finish(QStringLiteral("tool_calls")) +
-           billing(charged) + kDone;
-}
-
-const QByteArray kCatalog =
-    R"({"models":[{"id":"kestrolan/tools","display_name":"Tools","available":true,)"
-    R"("description":"d","capabilities":{"tool_calling":true,"response_format":false},)"
-    R"("context_tokens":200000,"max_output_tokens":8192,"default_output_tokens":1024}]})";
-
-const QByteArray kAccount =
-    R"({"id":"6f1c1a52-8b9e-4a57-9a53-3f0d8e0b7a11","zero_retention":{"enabled":false},)"
-    R"("email":"ada@example.com","balance_usd":"10.00","held_usd":"0.00",)"
-    R"("available_usd":"10.00"})";
-
-// A session against an in-process service: the catalog, the account, saving, and /api/chat
-// answered from a queue of event streams.
-class ChatSessionTest : public ::testing::Test {
-protected:
-    ChatSessionTest() {
-        client.session().setTimeouts({.transfer = 10s, .total = 60s});
-        server.setHandler([this](const RecordedRequest& request) { return respond(request); });
-    }
-
-    void SetUp() override {
-        ASSERT_TRUE(directory.isValid());
-        runTask(catalog.refresh());
-        ASSERT_TRUE(catalog.select(kModel));
-        ASSERT_TRUE(QDir().mkdir(folder));
-        QFile notes(folder + u"/notes.txt");
-        ASSERT_TRUE(notes.open(QIODevice::WriteOnly));
-        notes.write("high tide at 06:12\n");
-    }
-
-    TestResponse respond(const RecordedRequest& request) {
-        if (request.target == "/api/catalog")
-            return TestResponse::json(200, kCatalog);
-        if (request.target == "/api/account")
-            return TestResponse::json(200, kAccount);
-        if (request.target.startsWith("/api/chats/")) {
-            const QByteArray id = request.target.mid(QByteArray("/api/chats/").size());
-            return TestResponse::json(
-                200, R"({"id":")" + id + R"(","title":"t","updated_at":"2025-01-01T00:00:00Z"})");
-        }
-        std::lock_guard lock(mutex);
-        if (request.target == "/api/chat" && !streams.empty()) {
-            TestResponse response = std::move(streams.front());
-            streams.pop_front();
-            return response;
-        }
-        return TestResponse::json(500, R"({"error":{"message":"unexpected request"}})");
-    }
-
-    void enqueue(TestResponse response) {
-        std::lock_guard lock(mutex);
-        streams.push_back(std::move(response));
-    }
-    void enqueue(const QByteArray& body) { enqueue(TestResponse::eventStream(body)); }
-
-    QList<QJsonObject> chatBodies() const {
-        QList<QJsonObject> bodies;
-        for (const auto& request : server.requests()) {
-            if (request.target == "/api/chat")
-                bodies.append(QJsonDocument::fromJson(request.body).object());
-        }
-        return bodies;
-    }
-
-    void grant(LocalAccessMode mode) {
-        session.setAccountID(accountID);
-        session.tools().selectAccess(
-            mode, Workspace::open(QUrl::fromLocalFile(folder), false, ProtectedPaths()),
-            configuration.origin(), accountID, session.id(), true, false);
-    }
-
-    const SavedConversation::Reply& lastReply() const {
-        return session.conversation().turns.last().replies.first();
-    }
-
-    QStringList metaTexts() const {
-        QStringList texts;
-        for (const auto& meta : lastReply().meta)
-            texts.append(meta.text);
-        return texts;
-    }
-
-    // Declared before the server, whose threads use them until it is gone.
-    std::mutex mutex;
-    std::deque<TestResponse> streams;
-    TestHttpServer server;
-    Configuration configuration{server.baseURL()};
-    std::shared_ptr<MemoryTokenStore> tokens =
-        std::make_shared<MemoryTokenStore>(configuration.origin(), QStringLiteral("t"));
-    APIClient client{configuration, tokens};
-    QTemporaryDir directory;
-    QString folder = directory.filePath(QStringLiteral("work"));
-    SettingsDefaults defaults{directory.filePath(QStringLiteral("defaults.conf"))};
-    CatalogStore catalog{client, defaults};
-    ChatLoopSlots slots;
-    QUuid accountID = QUuid::createUuid();
-    ChatSession session{client, catalog, defaults, slots};
-};
 
 TEST_F(ChatSessionTest, ATextTurnIsBilledRefreshedAndSaved) {
     AccountModel account(client);
@@ -221,14 +48,19 @@ TEST_F(ChatSessionTest, ATextTurnIsBilledRefreshedAndSaved) {
     EXPECT_TRUE(messages[0][u"content"].toString().contains(u"Be brief."));
     EXPECT_EQ(messages[1][u"content"].toString(), u"Hi");
 
+    // A new chat stays on this computer until the user saves it.
+    EXPECT_FALSE(saved);
+    EXPECT_EQ(requestCount("PUT", "/api/chats/"), 0);
+    EXPECT_TRUE(session.isDirty());
+    EXPECT_EQ(completed, 1);
+    EXPECT_TRUE(account.account());
+    runTask(session.save());
     ASSERT_TRUE(saved);
     EXPECT_EQ(session.savedID(), saved->id);
     EXPECT_FALSE(session.isDirty());
-    EXPECT_EQ(completed, 1);
-    EXPECT_TRUE(account.account());
 
-    // The next turn sends the first one back, with the settings as now typed, and saves under
-    // the same id.
+    // The next turn sends the first one back, with the settings as now typed, and, the chat
+    // being saved now, saves it again under the same id.
     session.setSettings({.maxTokens = QStringLiteral("300"), .temperature = QStringLiteral("0.5")});
     enqueue(answer(QStringLiteral("Again"), "0.00001"));
     runTask(session.send(QStringLiteral("Once more"), {}));
@@ -239,7 +71,13 @@ TEST_F(ChatSessionTest, ATextTurnIsBilledRefreshedAndSaved) {
     ASSERT_EQ(sent.size(), 4);
     EXPECT_EQ(sent[2][u"content"].toString(), u"Hello there");
     EXPECT_EQ(session.savedID(), saved->id);
+    EXPECT_EQ(
+        requestCount("PUT", "/api/chats/" + saved->id.toString(QUuid::WithoutBraces).toLatin1()),
+        2);
+    EXPECT_FALSE(session.isDirty());
     EXPECT_EQ(session.charges().totalMillionths, 10u);
+    // The balance was fetched again, forced, after each turn.
+    EXPECT_EQ(requestCount("GET", "/api/account"), 2);
 }
 
 TEST_F(ChatSessionTest, AToolRoundIsAnsweredThenTheChargesAreSummed) {
@@ -278,6 +116,47 @@ TEST_F(ChatSessionTest, AToolRoundIsAnsweredThenTheChargesAreSummed) {
     EXPECT_EQ(metaTexts(), (QStringList{u"Total charged $0.000125"_s,
                                         u"Each inference round is billed separately."_s}));
     EXPECT_EQ(session.chargeSummary(), u"Total charged $0.000125.");
+}
+
+TEST_F(ChatSessionTest, AWebSearchChargeCountsInTheTurnAndItsReply) {
+    WebToolSettings{.searchEnabled = true}.store(defaults);
+    enqueue(text(QStringLiteral("Searching.")) +
+            calls(QStringLiteral("web_search"), {QJsonObject{{u"query"_s, u"tides"_s}}}, u"w"_s) +
+            finish(QStringLiteral("tool_calls")) + billing("0.0001") + kDone);
+    enqueue(answer(QStringLiteral("High water at six."), "0.00003"));
+
+    runTask(session.send(QStringLiteral("Tides?"), {}));
+
+    EXPECT_EQ(requestCount("POST", "/api/web/search"), 1);
+    EXPECT_EQ(lastReply().text, u"High water at six.");
+    // Two inference rounds and the search: 0.0001 + 0.005 + 0.00003.
+    EXPECT_EQ(metaTexts(), (QStringList{u"Total charged $0.00513"_s,
+                                        u"Each inference round is billed separately."_s}));
+    EXPECT_EQ(session.charges().totalMillionths, 5'130u);
+    EXPECT_EQ(session.chargeSummary(), u"Total charged $0.00513.");
+}
+
+TEST_F(ChatSessionTest, ARequestOverTheContextBudgetIsNeverSent) {
+    // An output allowance as large as the model's whole context leaves no room for any input.
+    session.setSettings({.maxTokens = QStringLiteral("200000")});
+    runTask(session.send(QStringLiteral("Hi"), {}));
+
+    const QString tooLarge = u"Context is too large. Remove files or start a new chat."_s;
+    EXPECT_EQ(chatBodies().size(), 0);
+    EXPECT_EQ(session.errorMessage(), tooLarge);
+    EXPECT_EQ(lastReply().state, SavedConversation::Reply::State::error);
+    ASSERT_TRUE(lastReply().error);
+    EXPECT_EQ(lastReply().error->message, tooLarge);
+    // Nothing was sent, so nothing is charged.
+    EXPECT_TRUE(lastReply().meta.isEmpty());
+
+    // With room left for the input, the same message goes out.
+    session.setSettings({.maxTokens = QStringLiteral("190000")});
+    enqueue(answer(QStringLiteral("Hello"), "0.00001"));
+    runTask(session.send(QStringLiteral("Hi"), {}));
+    ASSERT_EQ(chatBodies().size(), 1);
+    EXPECT_EQ(chatBodies()[0].value(u"max_tokens").toInt(), 190000);
+    EXPECT_EQ(lastReply().state, SavedConversation::Reply::State::complete);
 }
 
 TEST_F(ChatSessionTest, TheEighthRoundEndsTheTurnWithItsCallsUnrun) {
@@ -339,6 +218,35 @@ TEST_F(ChatSessionTest, FiveCallsAreNotRunAndABrokenStreamIsNotRetried) {
     EXPECT_EQ(session.errorMessage(), incomplete);
     ASSERT_TRUE(lastReply().error);
     EXPECT_EQ(lastReply().error->message, incomplete);
+}
+
+TEST_F(ChatSessionTest, ToolRoundsEndBeforeTheReplyTranscriptOverflows) {
+    grant(LocalAccessMode::readOnlyWorkspace);
+    const QStringList four(4, QStringLiteral("notes.txt"));
+    // Four rounds of four calls: twenty transcript messages. A fifth round of three fills the
+    // transcript to its 24; a sixth would pass it, so its call is not run.
+    for (int round = 0; round < 4; ++round)
+        enqueue(toolRound(u"R%1"_s.arg(round), four, u"r%1_"_s.arg(round), "0.000001"));
+    enqueue(toolRound(u"R4"_s, QStringList(3, QStringLiteral("notes.txt")), u"r4_"_s, "0.000001"));
+    enqueue(toolRound(u"R5"_s, {QStringLiteral("notes.txt")}, u"r5_"_s, "0.000001"));
+    enqueue(answer(QStringLiteral("too far"), "1"));
+
+    runTask(session.send(QStringLiteral("Read a lot"), {}));
+
+    EXPECT_EQ(chatBodies().size(), 6);
+    const auto& reply = lastReply();
+    EXPECT_EQ(reply.text, u"R5");
+    ASSERT_TRUE(reply.exchanges);
+    EXPECT_EQ(reply.exchanges->size(), SavedConversation::maxExchangeMessages);
+    EXPECT_EQ(reply.meta.first(),
+              (SavedConversation::Meta{ChatSession::transcriptFullWarning(), true}));
+    EXPECT_EQ(reply.meta.at(1).text, u"Total charged $0.000006");
+
+    // What the turn did can be saved and continued.
+    session.setSavingAllowed([] { return true; });
+    runTask(session.save());
+    EXPECT_FALSE(session.saveError());
+    EXPECT_EQ(requestCount("PUT", "/api/chats/"), 1);
 }
 
 TEST_F(ChatSessionTest, StopDuringAStreamKeepsTheText) {
