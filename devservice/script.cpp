@@ -78,8 +78,10 @@ private:
 
 } // namespace
 
-Script Script::parse(const QString& message) {
-    Script script;
+Script Script::parse(const QString& message, int round) {
+    // Every round is read into a script of its own, so that a bad line anywhere is refused.
+    std::vector<Script> rounds(1);
+    std::optional<QString> thenText;
     int nextToolIndex = 0;
     const auto lines = message.split(u'\n');
     for (qsizetype n = 0; n < lines.size(); ++n) {
@@ -98,6 +100,7 @@ Script Script::parse(const QString& message) {
         if (arguments.startsWith(u' ') || arguments.startsWith(u'\t'))
             arguments.remove(0, 1);
         LineReader reader(int(n + 1), name, arguments);
+        Script& script = rounds.back();
 
         Step step;
         if (name == u"text" || name == u"chunk") {
@@ -200,8 +203,20 @@ Script Script::parse(const QString& message) {
             (name == u"crlf" ? script.crlf : script.byteOrderMark) = true;
             continue;
         } else if (name == u"then") {
-            script.thenText = unescaped(reader.rest());
+            thenText = unescaped(reader.rest());
             continue;
+        } else if (name == u"round") {
+            reader.end();
+            if (script.plannedBytes() > maximumPlannedBytes)
+                throw ApiException::invalidRequest(
+                    QStringLiteral("The script would produce more than 64 MiB."),
+                    QStringLiteral("messages"), QStringLiteral("invalid_script"));
+            rounds.emplace_back();
+            nextToolIndex = 0;
+            continue;
+        } else if (name == u"tool-results") {
+            reader.end();
+            step.kind = Step::Kind::toolResults;
         } else if (name == u"reject") {
             const auto rule = QStringLiteral("needs a status from 400 to 599, a code and a "
                                              "message.");
@@ -219,10 +234,15 @@ Script Script::parse(const QString& message) {
         }
         script.steps.push_back(std::move(step));
     }
-    if (script.plannedBytes() > maximumPlannedBytes)
+    if (rounds.back().plannedBytes() > maximumPlannedBytes)
         throw ApiException::invalidRequest(
             QStringLiteral("The script would produce more than 64 MiB."),
             QStringLiteral("messages"), QStringLiteral("invalid_script"));
+    const auto count = int(rounds.size());
+    // Past the last round the caller answers in words; it keeps the first round's options.
+    Script script = std::move(rounds[round >= 0 && round < count ? std::size_t(round) : 0]);
+    script.thenText = std::move(thenText);
+    script.rounds = count;
     return script;
 }
 

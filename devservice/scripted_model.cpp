@@ -6,6 +6,7 @@
 #include "text_pieces.h"
 #include "token_estimator.h"
 
+#include <QStringList>
 #include <algorithm>
 
 namespace kestrolan::devservice {
@@ -81,6 +82,8 @@ public:
             case Kind::truncate:
                 outcome.end = GenerationOutcome::End::truncate;
                 return outcome;
+            case Kind::toolResults: // replaced by its text before the run
+                break;
             }
             if (!ok)
                 return outcome;
@@ -101,11 +104,34 @@ bool producesReply(const Script& script) {
     });
 }
 
+// Runs of tool messages after the last user message: how many rounds of calls were answered.
+int answeredRounds(const ChatCompletionRequest& request) {
+    int rounds = 0;
+    bool inRun = false;
+    for (auto i = request.lastUserIndex() + 1; i < request.messages.size(); ++i) {
+        const bool tool = request.messages[i].role == u"tool";
+        rounds += tool && !inRun ? 1 : 0;
+        inRun = tool;
+    }
+    return rounds;
+}
+
+// Every tool message of the request, one line each: its call's id, a space, its content.
+QString toolResultLines(const ChatCompletionRequest& request) {
+    QStringList lines;
+    for (const auto& message : request.messages) {
+        if (message.role == u"tool")
+            lines.append(message.toolCallId.value_or(QString()) + u' ' + message.content);
+    }
+    return lines.isEmpty() ? QStringLiteral("No tool results.") : lines.join(u'\n');
+}
+
 } // namespace
 
 std::unique_ptr<Generation> ScriptedModel::start(const ChatCompletionRequest& request,
                                                  std::uint64_t allowance) {
-    auto script = Script::parse(request.messages[request.lastUserIndex()].content);
+    const int round = answeredRounds(request);
+    auto script = Script::parse(request.messages[request.lastUserIndex()].content, round);
     if (script.rejection)
         throw ApiException(script.rejection->status, script.rejection->message,
                            script.rejection->status >= 500
@@ -114,7 +140,13 @@ std::unique_ptr<Generation> ScriptedModel::start(const ChatCompletionRequest& re
                            script.rejection->code);
 
     using Step = Script::Step;
-    if (const auto results = request.toolResultsSinceLastUser(); results > 0) {
+    for (auto& step : script.steps) {
+        if (step.kind == Step::Kind::toolResults) {
+            step.kind = Step::Kind::chunk;
+            step.text = toolResultLines(request);
+        }
+    }
+    if (const auto results = request.toolResultsSinceLastUser(); round >= script.rounds) {
         // The tools of this turn have answered: reply in words instead of calling them again.
         const auto text = script.thenText.value_or(
             results == 1 ? QStringLiteral("Received 1 tool result.")
