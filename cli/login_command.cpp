@@ -4,16 +4,17 @@
 #include "account/keychain_token_store.h"
 #include "command_line.h"
 #include "error.h"
+#include "platform/instance_socket.h"
+#include "platform/login_socket.h"
 #include "platform/system_keychain_access.h"
 #include "secret_store_probe.h"
 #include "service_connection.h"
+#include "support/wait_list.h"
 
-#include <QCoroFuture>
 #include <QProcess>
+#include <QSocketNotifier>
 #include <QSysInfo>
-#include <QtConcurrent>
-#include <iostream>
-#include <string>
+#include <unistd.h>
 
 namespace kestrolan::cli {
 namespace {
@@ -23,8 +24,10 @@ const QString help = QStringLiteral(
     "\n"
     "Signs in through the browser. The sign-in address is printed alone on standard output and\n"
     "opened in the default browser. After signing in there, the browser is sent to an address\n"
-    "beginning with kestrolan://auth/callback; give that address as one line on standard input,\n"
-    "or with --callback. The token is kept in the keyring and shared with the desktop app.\n"
+    "beginning with kestrolan://auth/callback. When the desktop app is installed as the handler\n"
+    "of that address, it hands the callback of this sign-in back here and nothing needs to be\n"
+    "copied; otherwise give the address as one line on standard input, or with --callback.\n"
+    "The token is kept in the keyring and shared with the desktop app.\n"
     "\n"
     "First the keyring is checked: when it cannot store the token (no Secret Service running,\n"
     "or the keyring is locked) nothing else happens and the exit status is 1. When already\n"
@@ -36,13 +39,63 @@ const QString help = QStringLiteral(
     "  --callback URL  the callback address, instead of reading it from standard input\n"
     "  -h, --help      show this help");
 
-// One line of standard input, read off the main thread; nothing at end of input.
-std::optional<QString> readLine() {
-    std::string line;
-    if (!std::getline(std::cin, line))
-        return std::nullopt;
-    return QString::fromStdString(line);
-}
+// The callback address, from whichever comes first: a line of standard input, or the browser's
+// callback that `kestrolan` hands to the socket of this attempt. Standard input at its end
+// leaves the socket to answer while a browser was opened for this attempt; otherwise (nothing
+// will call back on its own) it is the end of the wait.
+class CallbackWait {
+public:
+    CallbackWait(const QUrl& authorize, bool browserOpened)
+        : m_stdin(STDIN_FILENO, QSocketNotifier::Read)
+        , m_browserOpened(browserOpened) {
+        if (const auto path = LoginSocket::pathFor(authorize)) {
+            m_socket = std::make_unique<InstanceSocket>(*path);
+            if (m_socket->listen())
+                QObject::connect(
+                    m_socket.get(), &InstanceSocket::urlReceived, &m_context,
+                    [this](const QUrl& url) { answer(url.toString(QUrl::FullyEncoded)); });
+            else
+                m_socket.reset();
+        }
+        QObject::connect(&m_stdin, &QSocketNotifier::activated, &m_context,
+                         [this] { readInput(); });
+    }
+
+    bool hasSocket() const { return m_socket != nullptr; }
+    const std::optional<QString>& answer() const { return m_answer; }
+    WaitList& waiters() { return m_waiters; }
+
+private:
+    void readInput() {
+        char buffer[4096];
+        const ssize_t n = ::read(STDIN_FILENO, buffer, sizeof(buffer));
+        if (n > 0) {
+            m_line.append(buffer, n);
+            if (const auto end = m_line.indexOf('\n'); end >= 0)
+                answer(QString::fromUtf8(m_line.left(end)));
+            return;
+        }
+        m_stdin.setEnabled(false);
+        if (!m_line.isEmpty() || !m_socket || !m_browserOpened)
+            answer(QString::fromUtf8(m_line));
+    }
+
+    void answer(const QString& text) {
+        if (m_answer)
+            return;
+        m_answer = text;
+        m_stdin.setEnabled(false);
+        m_waiters.resumeAll();
+    }
+
+    QObject m_context;
+    QSocketNotifier m_stdin;
+    std::unique_ptr<InstanceSocket> m_socket;
+    bool m_browserOpened;
+    QByteArray m_line;
+    std::optional<QString> m_answer;
+    WaitList m_waiters;
+};
 
 // What to say about the token already stored: the account it belongs to when the service can
 // tell.
@@ -115,9 +168,16 @@ QCoro::Task<int> LoginCommand::run(QStringList arguments) {
         if (parser.isSet(callback)) {
             answer = parser.value(callback);
         } else {
-            console().err(QStringLiteral("After signing in, paste the address beginning with "
-                                         "kestrolan://auth/callback here:"));
-            answer = co_await QtConcurrent::run(readLine);
+            CallbackWait wait(authorize, !parser.isSet(noBrowser));
+            console().err(wait.hasSocket()
+                              ? QStringLiteral("Waiting for the browser. If it does not come "
+                                               "back here, paste the address beginning with "
+                                               "kestrolan://auth/callback:")
+                              : QStringLiteral("After signing in, paste the address beginning "
+                                               "with kestrolan://auth/callback here:"));
+            while (!wait.answer())
+                co_await wait.waiters().next();
+            answer = wait.answer();
         }
         const QString text = answer.value_or(QString()).trimmed();
         if (text.isEmpty()) {

@@ -1,13 +1,19 @@
 #include "account_command.h"
+#include "agents_command.h"
+#include "chat_command.h"
 #include "chats_command.h"
 #include "command.h"
 #include "console.h"
 #include "cron_command.h"
 #include "error.h"
+#include "local_command.h"
 #include "login_command.h"
 #include "logout_command.h"
 #include "models_command.h"
+#include "projects_command.h"
+#include "scheduler_command.h"
 #include "status_command.h"
+#include "tasks_command.h"
 
 #include <QCoreApplication>
 #include <exception>
@@ -62,7 +68,13 @@ int main(int argc, char** argv) {
     commands.push_back(std::make_unique<StatusCommand>(console));
     commands.push_back(std::make_unique<AccountCommand>(console));
     commands.push_back(std::make_unique<ModelsCommand>(console));
+    commands.push_back(std::make_unique<ChatCommand>(console));
     commands.push_back(std::make_unique<ChatsCommand>(console));
+    commands.push_back(std::make_unique<ProjectsCommand>(console));
+    commands.push_back(std::make_unique<AgentsCommand>(console));
+    commands.push_back(std::make_unique<LocalCommand>(console));
+    commands.push_back(std::make_unique<TasksCommand>(console));
+    commands.push_back(std::make_unique<SchedulerCommand>(console));
     commands.push_back(std::make_unique<CronCommand>(console));
 
     const QStringList arguments = QCoreApplication::arguments().mid(1);
