@@ -183,28 +183,15 @@ QString AgentsCommand::summary() const {
 }
 
 QCoro::Task<int> AgentsCommand::run(QStringList arguments) {
-    if (arguments.isEmpty()) {
-        console().err(groupHelp);
-        co_return exitUsage;
-    }
-    const QString word = arguments.first();
-    const QStringList rest = arguments.mid(1);
-    if (word == u"--help" || word == u"-h") {
-        console().out(groupHelp);
-        co_return exitSuccess;
-    }
-    if (word == u"list")
-        co_return co_await list(rest);
-    if (word == u"show")
-        co_return co_await show(rest);
-    if (word == u"create")
-        co_return co_await create(rest);
-    if (word == u"edit")
-        co_return co_await edit(rest);
-    if (word == u"delete")
-        co_return co_await remove(rest);
-    console().err(u"kestrolan-cli agents: unknown subcommand \"" + word + u"\"\n" + groupHelp);
-    co_return exitUsage;
+    return runSubcommand(
+        std::move(arguments), groupHelp,
+        {{QLatin1StringView("list"), [this](QStringList rest) { return list(std::move(rest)); }},
+         {QLatin1StringView("show"), [this](QStringList rest) { return show(std::move(rest)); }},
+         {QLatin1StringView("create"),
+          [this](QStringList rest) { return create(std::move(rest)); }},
+         {QLatin1StringView("edit"), [this](QStringList rest) { return edit(std::move(rest)); }},
+         {QLatin1StringView("delete"),
+          [this](QStringList rest) { return remove(std::move(rest)); }}});
 }
 
 QCoro::Task<int> AgentsCommand::list(QStringList arguments) {

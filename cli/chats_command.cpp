@@ -125,23 +125,12 @@ QString ChatsCommand::summary() const {
 }
 
 QCoro::Task<int> ChatsCommand::run(QStringList arguments) {
-    if (arguments.isEmpty()) {
-        console().err(groupHelp);
-        co_return exitUsage;
-    }
-    const QString word = arguments.first();
-    if (word == u"--help" || word == u"-h") {
-        console().out(groupHelp);
-        co_return exitSuccess;
-    }
-    if (word == u"list")
-        co_return co_await list(arguments.mid(1));
-    if (word == u"show")
-        co_return co_await show(arguments.mid(1));
-    if (word == u"delete")
-        co_return co_await remove(arguments.mid(1));
-    console().err(u"kestrolan-cli chats: unknown subcommand \"" + word + u"\"\n" + groupHelp);
-    co_return exitUsage;
+    return runSubcommand(
+        std::move(arguments), groupHelp,
+        {{QLatin1StringView("list"), [this](QStringList rest) { return list(std::move(rest)); }},
+         {QLatin1StringView("show"), [this](QStringList rest) { return show(std::move(rest)); }},
+         {QLatin1StringView("delete"),
+          [this](QStringList rest) { return remove(std::move(rest)); }}});
 }
 
 std::variant<ChatsCommand::Parsed, int> ChatsCommand::parse(const QString& subcommand,

@@ -3,8 +3,10 @@
 #include "console.h"
 
 #include <QCoroTask>
+#include <QList>
 #include <QString>
 #include <QStringList>
+#include <functional>
 
 namespace kestrolan::cli {
 
@@ -35,6 +37,17 @@ public:
 
 protected:
     const Console& console() const { return m_console; }
+
+    // A word of a command group ("list", "show" ...) and what runs it with the arguments that
+    // follow the word.
+    struct Subcommand {
+        QLatin1StringView word;
+        std::function<QCoro::Task<int>(QStringList)> run;
+    };
+    // Runs the subcommand that `arguments` start with. -h/--help prints `groupHelp`; a missing
+    // or unknown word is a usage error that shows it.
+    QCoro::Task<int> runSubcommand(QStringList arguments, QString groupHelp,
+                                   QList<Subcommand> subcommands) const;
 
 private:
     const Console& m_console;

@@ -354,34 +354,22 @@ QString TasksCommand::summary() const {
 }
 
 QCoro::Task<int> TasksCommand::run(QStringList arguments) {
-    if (arguments.isEmpty()) {
-        console().err(groupHelp);
-        co_return exitUsage;
-    }
-    const QString word = arguments.first();
-    const QStringList rest = arguments.mid(1);
-    if (word == u"--help" || word == u"-h") {
-        console().out(groupHelp);
-        co_return exitSuccess;
-    }
-    if (word == u"list")
-        co_return co_await list(rest);
-    if (word == u"add")
-        co_return co_await save(rest, true);
-    if (word == u"edit")
-        co_return co_await save(rest, false);
-    if (word == u"pause")
-        co_return co_await setEnabled(rest, false);
-    if (word == u"resume")
-        co_return co_await setEnabled(rest, true);
-    if (word == u"delete")
-        co_return co_await remove(rest);
-    if (word == u"runs")
-        co_return co_await runs(rest);
-    if (word == u"run-now")
-        co_return co_await runNow(rest);
-    console().err(u"kestrolan-cli tasks: unknown subcommand \"" + word + u"\"\n" + groupHelp);
-    co_return exitUsage;
+    return runSubcommand(
+        std::move(arguments), groupHelp,
+        {{QLatin1StringView("list"), [this](QStringList rest) { return list(std::move(rest)); }},
+         {QLatin1StringView("add"),
+          [this](QStringList rest) { return save(std::move(rest), true); }},
+         {QLatin1StringView("edit"),
+          [this](QStringList rest) { return save(std::move(rest), false); }},
+         {QLatin1StringView("pause"),
+          [this](QStringList rest) { return setEnabled(std::move(rest), false); }},
+         {QLatin1StringView("resume"),
+          [this](QStringList rest) { return setEnabled(std::move(rest), true); }},
+         {QLatin1StringView("delete"),
+          [this](QStringList rest) { return remove(std::move(rest)); }},
+         {QLatin1StringView("runs"), [this](QStringList rest) { return runs(std::move(rest)); }},
+         {QLatin1StringView("run-now"),
+          [this](QStringList rest) { return runNow(std::move(rest)); }}});
 }
 
 std::optional<QUuid> TasksCommand::taskID(const QString& subcommand, const QString& help,
