@@ -40,6 +40,9 @@ TEST(SchedulerProcesses, TwoSchedulersOnOneAccountRunEachFiringOnce) {
 
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(u"KESTROLAN_TEST_KEY"_s, QString::fromLatin1(key.toHex()));
+    // Under the sanitizers a helper that exits while libcrypto's per-thread state is still held
+    // by a pool thread is reported as leaking; the in-process tests check the same code for leaks.
+    environment.insert(u"ASAN_OPTIONS"_s, u"detect_leaks=0"_s);
     std::vector<std::unique_ptr<QProcess>> schedulers;
     for (int i = 0; i < 2; ++i) {
         auto process = std::make_unique<QProcess>();
