@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 export CCACHE_NOHASHDIR := 1
 export CCACHE_BASEDIR := $(CURDIR)
 
-.PHONY: all deps configure build test test-asan bench fuzz run format tidy clean
+.PHONY: all deps configure build test test-asan bench fuzz run format tidy clean screenshots
 
 all: build
 
@@ -39,19 +39,37 @@ fuzz: deps
 	cmake --preset fuzz
 	cmake --build --preset fuzz -j $(JOBS)
 
-# The development service on loopback, sign-in approved at once. Extra flags through RUN_ARGS,
+# The app against the development service on loopback, sign-in approved at once (without a
+# graphical session, only the service). Extra flags for the service through RUN_ARGS,
 # e.g. RUN_ARGS='--upstream-url http://127.0.0.1:8080/v1 --upstream-model qwen2.5'.
 RUN_ADDRESS ?= 127.0.0.1:8787
+APPLICATIONS_DIR ?= $(or $(XDG_DATA_HOME),$(HOME)/.local/share)/applications
 run: configure
-	cmake --build $(BUILD_DIR) --target kestrolan-devservice kestrolan-cli -j $(JOBS)
-	@echo "Point the client at it:  KESTROLAN_BASE_URL=http://$(RUN_ADDRESS)"
-	@echo "Until the desktop app exists, sign in from another terminal with kestrolan-cli:"
-	@echo "  export KESTROLAN_BASE_URL=http://$(RUN_ADDRESS)"
-	@echo "  $(BUILD_DIR)/bin/kestrolan-cli login --no-browser"
-	@echo "    open the printed address (e.g. curl -si ADDRESS | grep -i ^location), then paste"
-	@echo "    the kestrolan://auth/callback?... address it redirects to"
-	@echo "  $(BUILD_DIR)/bin/kestrolan-cli account; $(BUILD_DIR)/bin/kestrolan-cli models"
-	$(BUILD_DIR)/bin/kestrolan-devservice --auto-approve --listen $(RUN_ADDRESS) $(RUN_ARGS)
+	cmake --build $(BUILD_DIR) --target kestrolan kestrolan-devservice kestrolan-cli -j $(JOBS)
+	@if [ -z "$$DISPLAY$$WAYLAND_DISPLAY" ]; then \
+	  echo "No graphical session: starting only the development service."; \
+	  echo "Sign in from another terminal with kestrolan-cli:"; \
+	  echo "  export KESTROLAN_BASE_URL=http://$(RUN_ADDRESS)"; \
+	  echo "  $(BUILD_DIR)/bin/kestrolan-cli login --no-browser"; \
+	  echo "    open the printed address (e.g. curl -si ADDRESS | grep -i ^location), then paste"; \
+	  echo "    the kestrolan://auth/callback?... address it redirects to"; \
+	  echo "  $(BUILD_DIR)/bin/kestrolan-cli account; $(BUILD_DIR)/bin/kestrolan-cli models"; \
+	  exec $(BUILD_DIR)/bin/kestrolan-devservice --auto-approve --listen $(RUN_ADDRESS) $(RUN_ARGS); \
+	fi; \
+	mkdir -p "$(APPLICATIONS_DIR)"; \
+	sed "s|^Exec=kestrolan|Exec=$(CURDIR)/$(BUILD_DIR)/bin/kestrolan|" packaging/kestrolan.desktop \
+	  > "$(APPLICATIONS_DIR)/kestrolan.desktop"; \
+	update-desktop-database -q "$(APPLICATIONS_DIR)" 2>/dev/null || true; \
+	xdg-mime default kestrolan.desktop x-scheme-handler/kestrolan 2>/dev/null || true; \
+	$(BUILD_DIR)/bin/kestrolan-devservice --auto-approve --listen $(RUN_ADDRESS) $(RUN_ARGS) & \
+	service=$$!; trap 'kill $$service 2>/dev/null' EXIT INT TERM; \
+	echo "Development service on http://$(RUN_ADDRESS); the app signs in against it."; \
+	KESTROLAN_BASE_URL=http://$(RUN_ADDRESS) $(BUILD_DIR)/bin/kestrolan
+
+# PNGs of the main window's and the chat widgets' states in build/screenshots/, drawn on a private Xvfb display.
+screenshots: configure
+	cmake --build $(BUILD_DIR) --target kestrolan-screenshots -j $(JOBS)
+	tests/support/with-display $(CURDIR)/$(BUILD_DIR)/bin/kestrolan-screenshots $(CURDIR)/$(BUILD_DIR)/screenshots
 
 format:
 	git ls-files '*.c' '*.h' '*.cpp' | xargs clang-format -i
