@@ -60,7 +60,9 @@ TEST(SchedulingModel, EditsTasksThroughDraftsAndKeepsPreviewsOfThisSession) {
     EXPECT_TRUE(model.visibleTasks().isEmpty());
 
     // The scheduler runs it at 09:00; the model shows the run with its preview, which the
-    // store never keeps, also after a reload.
+    // store never keeps, also after a reload. The clock moves only once the scheduler has
+    // looked at the new task.
+    runUntil([&] { return scheduler.isIdle(); });
     while (clock.runToDeadline(QDateTime::fromString(u"2026-05-04T09:00:00Z"_s, Qt::ISODate)))
         runUntil([&] { return scheduler.isIdle(); });
     runTask(model.reload());
