@@ -75,8 +75,10 @@ void ModelSlotBar::rebuild() {
     for (int slot = 0; slot < count; ++slot) {
         auto* button = new QToolButton(this);
         button->setText(slotLabel(slot) + QStringLiteral(" ▾"));
-        button->setAccessibleName(count > 1 ? u"Model of column " + QString::number(slot + 1)
-                                            : QStringLiteral("Model"));
+        // The name carries the chosen model, so a screen reader says which one it is.
+        button->setAccessibleName((count > 1 ? u"Model of column " + QString::number(slot + 1)
+                                             : QStringLiteral("Model")) +
+                                  u": " + slotLabel(slot));
         button->setToolTip(QStringLiteral("Choose the model (Ctrl+K)"));
         button->setEnabled(idle);
         connect(button, &QToolButton::clicked, this, [this, slot] { openPicker(slot); });
