@@ -151,8 +151,10 @@ bool AccessibilityReader::isEnabled(const AccessibleNode& node) const {
     return states(node) & enabledState;
 }
 
-void AccessibilityReader::grabFocus(const AccessibleNode& node) const {
-    call(m_bus, node, "org.a11y.atspi.Component", "GrabFocus");
+bool AccessibilityReader::grabFocus(const AccessibleNode& node) const {
+    const auto reply = call(m_bus, node, "org.a11y.atspi.Component", "GrabFocus");
+    return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty() &&
+           reply.arguments().constFirst().toBool();
 }
 
 QList<AccessibilityReader::Seen> AccessibilityReader::showing(const AccessibleNode& root) const {

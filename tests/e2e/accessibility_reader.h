@@ -36,8 +36,9 @@ public:
     QString text(const AccessibleNode& node) const;
     bool isShowing(const AccessibleNode& node) const;
     bool isEnabled(const AccessibleNode& node) const;
-    // Moves the keyboard focus to the object inside its window.
-    void grabFocus(const AccessibleNode& node) const;
+    // Moves the keyboard focus to the object inside its window. False when the object refuses,
+    // as Qt's combo boxes do: they offer no focus action.
+    bool grabFocus(const AccessibleNode& node) const;
 
     // One showing object with what a walk reads of it.
     struct Seen {

@@ -136,7 +136,8 @@ void DesktopApp::focusWindow(const QString& title) {
 }
 
 void DesktopApp::focus(const QString& name, const QString& role) {
-    m_reader.grabFocus(waitFor(name, role));
+    EXPECT_TRUE(m_reader.grabFocus(waitFor(name, role)))
+        << "\"" << name.toStdString() << "\" takes no focus";
 }
 
 void DesktopApp::key(const QString& keys) {

@@ -45,7 +45,8 @@ public:
 
     // Gives the X input focus to the app's window titled `title`, as clicking on it would.
     void focusWindow(const QString& title);
-    // Moves the keyboard focus to the object named `name` in the focused window.
+    // Moves the keyboard focus to the object named `name` in the focused window (not a combo
+    // box: Tab to it from a neighbour).
     void focus(const QString& name, const QString& role = {});
     // xdotool key names, e.g. "ctrl+s", "shift+Return".
     void key(const QString& keys);

@@ -6,9 +6,12 @@
 #include "desktop_app.h"
 #include "dev_service.h"
 
+#include <QDir>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 namespace kestrolan::test {
@@ -164,6 +167,67 @@ TEST_F(DesktopAppTest, QuittingWithAnUnsavedChatAsksAndDiscardQuits) {
     EXPECT_EQ(app.waitForExit(), 0) << app.log().toStdString();
     EXPECT_TRUE(app.log().contains(u"Scheduler stopped; terminating")) << app.log().toStdString();
     EXPECT_TRUE(savedChats().isEmpty());
+}
+
+TEST_F(DesktopAppTest, AskEveryTimeAsksBeforeReadingAndAllowOnceReads) {
+    QTemporaryDir workspace;
+    ASSERT_TRUE(workspace.isValid());
+    QFile notes(workspace.filePath(QStringLiteral("notes.txt")));
+    ASSERT_TRUE(notes.open(QIODevice::WriteOnly));
+    notes.write("Heron sightings doubled this spring");
+    notes.close();
+    const QString folder = QDir(workspace.path()).canonicalPath();
+
+    app.start();
+    ASSERT_NO_FATAL_FAILURE(signIn());
+    chooseScriptedModel();
+
+    // The folder: its path typed into the folder dialog.
+    app.focusWindow(QStringLiteral("Kestrolan"));
+    app.focus(QStringLiteral("Choose workspace folder"), QStringLiteral("push button"));
+    app.key(QStringLiteral("space"));
+    app.waitFor(QStringLiteral("Choose workspace folder"), QStringLiteral("dialog"));
+    app.focusWindow(QStringLiteral("Choose workspace folder"));
+    app.type(folder);
+    app.key(QStringLiteral("Return"));
+    EXPECT_TRUE(DesktopApp::waitUntil([&] {
+        return !app.find(QStringLiteral("Choose workspace folder"), QStringLiteral("dialog"));
+    })) << app.dump().toStdString();
+
+    // The mode: a combo box takes no focus over AT-SPI, so the focus comes back to it from the
+    // folder button; Down picks "Ask every time", which first asks to accept tool billing.
+    app.focusWindow(QStringLiteral("Kestrolan"));
+    app.focus(QStringLiteral("Choose workspace folder"), QStringLiteral("push button"));
+    app.key(QStringLiteral("shift+Tab"));
+    app.key(QStringLiteral("Down"));
+    app.waitFor(QStringLiteral("Tool billing"), QStringLiteral("alert message"));
+    app.focusWindow(QStringLiteral("Tool billing"));
+    app.focus(QStringLiteral("Accept"), QStringLiteral("push button"));
+    app.key(QStringLiteral("space"));
+    app.waitFor(u"Granted: Ask every time · " + QDir::toNativeSeparators(folder),
+                QStringLiteral("label"));
+    // On Linux a combo box reads as its current item.
+    EXPECT_TRUE(app.find(QStringLiteral("Ask every time"), QStringLiteral("combo box")));
+
+    // A read asks first; Allow once runs it and the next round answers with its result.
+    send(QStringLiteral("@tool read_file {\"path\":\"notes.txt\"}\n@round\n@tool-results"));
+    const auto sheet = app.waitFor(QStringLiteral("Approve tool use"), QStringLiteral("dialog"));
+    QString asked;
+    for (const auto& seen : reader.showing(sheet))
+        asked += seen.name + u'\n';
+    EXPECT_TRUE(asked.contains(u"Read a file")) << asked.toStdString();
+    EXPECT_TRUE(asked.contains(u"notes.txt")) << asked.toStdString();
+    EXPECT_FALSE(transcriptContains(QStringLiteral("Heron sightings")));
+    app.focusWindow(QStringLiteral("Approve tool use"));
+    app.focus(QStringLiteral("Allow once"), QStringLiteral("push button"));
+    app.key(QStringLiteral("space"));
+    EXPECT_TRUE(DesktopApp::waitUntil([&] {
+        return transcriptContains(QStringLiteral("Heron sightings doubled this spring")) &&
+               app.find(QStringLiteral("Send"));
+    })) << "the transcript reads:\n"
+        << transcript().join(u'\n').toStdString() << "\n"
+        << app.dump().toStdString();
+    EXPECT_FALSE(app.find(QStringLiteral("Approve tool use"), QStringLiteral("dialog")));
 }
 
 } // namespace
