@@ -144,8 +144,10 @@ QCoro::Task<void> ApplicationModel::openScheduledChat(QUuid id) {
     Q_EMIT showChatRequested();
     if (m_chat->savedID() == id)
         co_return;
+    // Into a local first: GCC 12 destroys a temporary made inside a co_await expression twice.
     const auto known = std::ranges::find(m_savedChats, id, &SavedChatSummary::id);
-    co_await open(known != m_savedChats.end() ? *known : SavedChatSummary{id, {}, {}});
+    SavedChatSummary summary = known != m_savedChats.end() ? *known : SavedChatSummary{id, {}, {}};
+    co_await open(std::move(summary));
 }
 
 QCoro::Task<void> ApplicationModel::signOut() {
