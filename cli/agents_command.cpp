@@ -101,12 +101,8 @@ QString notFound(const QUuid& id) {
 
 std::optional<QUuid> agentID(const Console& console, const QString& subcommand,
                              const QString& text) {
-    if (const auto id = uuidFromText(text))
-        return id;
-    console.err(u"kestrolan-cli " + command(subcommand) + u": \"" + text +
-                u"\" is not an agent id\nRun \"kestrolan-cli " + command(subcommand) +
-                u" --help\" for usage.");
-    return std::nullopt;
+    return LocalCommand::idArgument(console, command(subcommand), text,
+                                    QStringLiteral("an agent id"));
 }
 
 const Agent* find(const QList<Agent>& agents, const QUuid& id) {

@@ -224,8 +224,8 @@ QCoro::Task<std::optional<int>> ChatRun::applyLocalChoices() {
     if (!m_options.projectID && !m_options.agentID)
         co_return std::nullopt;
     try {
-        const EncryptedLocalStorage storage =
-            co_await LocalCommand::openStorage(m_connection.get());
+        // The account was fetched already: no second request for its id.
+        const EncryptedLocalStorage storage = LocalCommand::storageOf(*m_connection, *m_account);
         if (m_options.agentID) {
             AgentStore store(storage);
             const QList<Agent> agents = co_await store.list();

@@ -10,6 +10,7 @@
 #include "storage/local_account_context.h"
 #include "storage/local_privacy_error.h"
 #include "storage/project_store.h"
+#include "support/uuid_text.h"
 
 #include <QCoroFuture>
 #include <QDir>
@@ -129,12 +130,26 @@ QString LocalCommand::summary() const {
 
 QCoro::Task<EncryptedLocalStorage> LocalCommand::openStorage(ServiceConnection* connection) {
     const Account account = co_await connection->client().account();
+    co_return storageOf(*connection, account);
+}
+
+EncryptedLocalStorage LocalCommand::storageOf(ServiceConnection& connection,
+                                              const Account& account) {
     if (!account.id)
         throw LocalPrivacyError(LocalPrivacyError::Kind::locked);
     const auto context =
-        LocalAccountContext::make(connection->configuration().origin(), *account.id);
-    co_return EncryptedLocalStorage(EncryptedLocalStorage::defaultRoot(), context,
-                                    std::make_shared<KeychainLocalKeyStore>());
+        LocalAccountContext::make(connection.configuration().origin(), *account.id);
+    return EncryptedLocalStorage(EncryptedLocalStorage::defaultRoot(), context,
+                                 std::make_shared<KeychainLocalKeyStore>());
+}
+
+std::optional<QUuid> LocalCommand::idArgument(const Console& console, const QString& command,
+                                              const QString& text, const QString& what) {
+    if (const auto id = uuidFromText(text))
+        return id;
+    console.err(u"kestrolan-cli " + command + u": \"" + text + u"\" is not " + what +
+                u"\nRun \"kestrolan-cli " + command + u" --help\" for usage.");
+    return std::nullopt;
 }
 
 std::variant<QStringList, int> LocalCommand::parse(const Console& console,

@@ -6,7 +6,13 @@
 #include <QCommandLineParser>
 #include <QCoroTask>
 #include <QStringList>
+#include <QUuid>
+#include <optional>
 #include <variant>
+
+namespace kestrolan {
+struct Account;
+}
 
 namespace kestrolan::cli {
 
@@ -26,6 +32,13 @@ public:
     // desktop app opens it: the account's id comes from the service. Throws ClientError when
     // not signed in and LocalPrivacyError(locked) when the service names no account.
     static QCoro::Task<EncryptedLocalStorage> openStorage(ServiceConnection* connection);
+    // The same for an account already fetched.
+    static EncryptedLocalStorage storageOf(ServiceConnection& connection, const Account& account);
+
+    // The id argument `text` of `command` ("projects show"); nothing after a usage error naming
+    // `what` ("a project id"), which is reported.
+    static std::optional<QUuid> idArgument(const Console& console, const QString& command,
+                                           const QString& text, const QString& what);
 
     // Parses a subcommand's arguments with `parser`, which holds its options (-h/--help is
     // added here), wanting exactly `positional` positional arguments named in `what`. Returns

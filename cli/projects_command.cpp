@@ -120,15 +120,10 @@ QString notFound(const QUuid& id) {
     return u"No project has the id " + uuidText(id) + u'.';
 }
 
-// The id argument of a subcommand; nothing after a usage error, which is reported.
 std::optional<QUuid> projectID(const Console& console, const QString& subcommand,
                                const QString& text) {
-    if (const auto id = uuidFromText(text))
-        return id;
-    console.err(u"kestrolan-cli " + command(subcommand) + u": \"" + text +
-                u"\" is not a project id\nRun \"kestrolan-cli " + command(subcommand) +
-                u" --help\" for usage.");
-    return std::nullopt;
+    return LocalCommand::idArgument(console, command(subcommand), text,
+                                    QStringLiteral("a project id"));
 }
 
 const Project* find(const QList<Project>& projects, const QUuid& id) {

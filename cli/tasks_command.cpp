@@ -381,10 +381,11 @@ std::optional<QUuid> TasksCommand::taskID(const QString& subcommand, const QStri
         *exitCode = *code;
         return std::nullopt;
     }
-    const QString text = std::get<QStringList>(parsed).first();
-    const auto id = uuidFromText(text);
+    const auto id = LocalCommand::idArgument(console(), u"tasks " + subcommand,
+                                             std::get<QStringList>(parsed).first(),
+                                             QStringLiteral("a task id"));
     if (!id)
-        *exitCode = usageError(console(), subcommand, u"\"" + text + u"\" is not a task id");
+        *exitCode = exitUsage;
     return id;
 }
 

@@ -21,17 +21,18 @@ LocalAccountWork::LocalAccountWork(LocalAccountContext context,
 
 LocalAccountWork::~LocalAccountWork() {
     // Never leave the scheduler pointing at stores that are going away.
-    if (m_attached) {
+    release();
+}
+
+void LocalAccountWork::release() {
+    if (std::exchange(m_attached, false)) {
         m_scheduling.setAccount(nullptr, nullptr);
         m_scheduler.setAccount(std::nullopt);
     }
 }
 
 QCoro::Task<void> LocalAccountWork::detach() {
-    if (std::exchange(m_attached, false)) {
-        m_scheduling.setAccount(nullptr, nullptr);
-        m_scheduler.setAccount(std::nullopt);
-    }
+    release();
     while (!m_scheduler.isIdle())
         co_await qCoro(&m_scheduler, &Scheduler::idle);
 }

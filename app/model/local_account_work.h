@@ -30,7 +30,9 @@ public:
     QCoro::Task<void> forget() override;
 
 private:
-    // Stops the scheduler's work on this account and waits until no run is under way.
+    // Takes the scheduler and the scheduling screens off this account's stores.
+    void release();
+    // Releases, then waits until no run is under way.
     QCoro::Task<void> detach();
 
     LocalAccountData m_data;
