@@ -1,6 +1,5 @@
 #include "transcript_view.h"
 
-#include "account/account_model.h" // chat_session.h needs it complete
 #include "conversation/chat_session.h"
 #include "markdown_document.h"
 #include "transcript_delegate.h"
@@ -14,6 +13,7 @@
 #include <QKeyEvent>
 #include <QMessageBox>
 #include <QMouseEvent>
+#include <QPainter>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QScrollBar>
@@ -228,6 +228,19 @@ void TranscriptView::keyPressEvent(QKeyEvent* event) {
 void TranscriptView::resizeEvent(QResizeEvent* event) {
     QListView::resizeEvent(event);
     m_relayout.start();
+}
+
+void TranscriptView::paintEvent(QPaintEvent* event) {
+    QListView::paintEvent(event);
+    if (model() && model()->rowCount() > 0)
+        return;
+    QPainter painter(viewport());
+    painter.setPen(palette().color(QPalette::PlaceholderText));
+    const QRect area = viewport()->rect().adjusted(48, 0, -48, 0);
+    painter.drawText(area, Qt::AlignCenter | Qt::TextWordWrap,
+                     QStringLiteral("Ask anything. Each reply shows what its requests cost.\n"
+                                    "Local access stays off until you choose a folder and a "
+                                    "mode above."));
 }
 
 void TranscriptView::changeEvent(QEvent* event) {
