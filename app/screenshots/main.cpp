@@ -1,7 +1,6 @@
 // Renders the chat widgets' and the main window's main states to PNG files:
 // kestrolan-screenshots OUTPUT_DIR.
 #include "access_panel.h"
-#include "account/account_model.h" // chat_session.h needs it complete
 #include "approval_sheet.h"
 #include "chat_service.h"
 #include "composer.h"

@@ -1,6 +1,6 @@
 #include "window_scenes.h"
 
-#include "account/account_model.h" // chat_session.h needs it complete
+#include "account/account_model.h"
 #include "account/desktop_auth.h"
 #include "chat_service.h"
 #include "conversation/chat_session.h"

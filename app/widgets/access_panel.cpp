@@ -1,6 +1,5 @@
 #include "access_panel.h"
 
-#include "account/account_model.h" // chat_session.h needs it complete
 #include "conversation/chat_session.h"
 #include "error.h"
 #include "platform/defaults.h"

@@ -1,6 +1,5 @@
 #include "composer.h"
 
-#include "account/account_model.h" // chat_session.h needs it complete
 #include "conversation/chat_session.h"
 #include "tools/attachment_error.h"
 #include "tools/text_attachments.h"

@@ -1,6 +1,5 @@
 #include "model_picker.h"
 
-#include "account/account_model.h" // chat_session.h needs it complete
 #include "account/catalog_formatting.h"
 #include "account/catalog_store.h"
 #include "conversation/chat_session.h"

@@ -1,6 +1,5 @@
 #include "transcript_delegate.h"
 
-#include "account/account_model.h" // chat_session.h needs it complete
 #include "conversation/chat_session.h"
 #include "markdown_document.h"
 #include "tools/tool_activity.h"

@@ -1,6 +1,5 @@
 #include "transcript_model.h"
 
-#include "account/account_model.h" // chat_session.h needs it complete
 #include "conversation/chat_session.h"
 #include "tools/tool_activity.h"
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "account/account_model.h" // chat_session.h needs it complete
 #include "account/catalog_store.h"
 #include "conversation/chat_session.h"
 #include "memory_token_store.h"
